@@ -1,0 +1,577 @@
+#include <opccore/Exception.h>
+#include <opccore/LocalFileSystemOps.h>
+
+#include <ext/stdio_filebuf.h>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/sendfile.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <new>
+#include <random>
+#include <utility>
+
+namespace opc {
+namespace {
+
+using boost::system::error_code;
+
+error_code systemError(int value) { return error_code(value, boost::system::system_category()); }
+
+error_code lastError() { return systemError(errno); }
+
+// ---- Names: UTF-16 <-> bytes -------------------------------------------------
+
+constexpr char16_t kEscapeBase = 0xDC00;  // byte b >= 0x80 that is not UTF-8 <=> U+DC00 + b
+
+bool isContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
+
+// The length of the well-formed UTF-8 sequence at bytes[i] (RFC 3629, so no
+// overlong forms, surrogates or values past U+10FFFF), or 0 when there is none.
+std::size_t utf8SequenceLength(std::string_view bytes, std::size_t i) {
+    const auto at = [&](std::size_t k) { return static_cast<unsigned char>(bytes[i + k]); };
+    const unsigned char lead = at(0);
+    std::size_t length = 0;
+    unsigned char low = 0x80;
+    unsigned char high = 0xBF;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        length = 2;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        length = 3;
+        if (lead == 0xE0) low = 0xA0;
+        if (lead == 0xED) high = 0x9F;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        length = 4;
+        if (lead == 0xF0) low = 0x90;
+        if (lead == 0xF4) high = 0x8F;
+    } else {
+        return 0;
+    }
+    if (bytes.size() - i < length || at(1) < low || at(1) > high) return 0;
+    for (std::size_t k = 2; k < length; ++k) {
+        if (!isContinuation(at(k))) return 0;
+    }
+    return length;
+}
+
+void appendUtf8(std::string& out, char32_t cp) {
+    if (cp < 0x80) {
+        out.push_back(static_cast<char>(cp));
+    } else if (cp < 0x800) {
+        out.push_back(static_cast<char>(0xC0 | (cp >> 6)));
+        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+    } else if (cp < 0x10000) {
+        out.push_back(static_cast<char>(0xE0 | (cp >> 12)));
+        out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+    } else {
+        out.push_back(static_cast<char>(0xF0 | (cp >> 18)));
+        out.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+    }
+}
+
+// escapeForDisplay: an escaped byte becomes "\xNN" instead of the raw byte, so
+// that messages stay valid UTF-8.
+std::string encode(std::u16string_view path, bool escapeForDisplay) {
+    std::string out;
+    out.reserve(path.size());
+    for (std::size_t i = 0; i < path.size(); ++i) {
+        const char16_t unit = path[i];
+        if (unit >= 0xD800 && unit <= 0xDBFF && i + 1 < path.size() && path[i + 1] >= 0xDC00 &&
+            path[i + 1] <= 0xDFFF) {
+            appendUtf8(out, 0x10000 + ((char32_t{unit} - 0xD800) << 10) + (path[i + 1] - 0xDC00));
+            ++i;
+        } else if (unit >= kEscapeBase + 0x80 && unit <= kEscapeBase + 0xFF) {
+            const auto byte = static_cast<unsigned char>(unit - kEscapeBase);
+            if (escapeForDisplay) {
+                static constexpr char kHex[] = "0123456789ABCDEF";
+                out += "\\x";
+                out.push_back(kHex[byte >> 4]);
+                out.push_back(kHex[byte & 0xF]);
+            } else {
+                out.push_back(static_cast<char>(byte));
+            }
+        } else {
+            // Other lone surrogates take their three-byte form; no file name
+            // read from disk decodes to one, so nothing read is lost.
+            appendUtf8(out, unit);
+        }
+    }
+    return out;
+}
+
+std::u16string decode(std::string_view bytes) {
+    std::u16string out;
+    out.reserve(bytes.size());
+    for (std::size_t i = 0; i < bytes.size();) {
+        const auto lead = static_cast<unsigned char>(bytes[i]);
+        if (lead < 0x80) {
+            out.push_back(lead);
+            ++i;
+            continue;
+        }
+        const std::size_t length = utf8SequenceLength(bytes, i);
+        if (length == 0) {
+            out.push_back(static_cast<char16_t>(kEscapeBase + lead));
+            ++i;
+            continue;
+        }
+        char32_t cp = lead & (0xFF >> (length + 1));
+        for (std::size_t k = 1; k < length; ++k) cp = (cp << 6) | (static_cast<unsigned char>(bytes[i + k]) & 0x3F);
+        if (cp >= 0x10000) {
+            out.push_back(static_cast<char16_t>(0xD800 + ((cp - 0x10000) >> 10)));
+            out.push_back(static_cast<char16_t>(0xDC00 + ((cp - 0x10000) & 0x3FF)));
+        } else {
+            out.push_back(static_cast<char16_t>(cp));
+        }
+        i += length;
+    }
+    return out;
+}
+
+// The bytes of path for a system call. U+0000 would silently cut the name
+// short, so such a path names no file.
+error_code nativePath(std::u16string_view path, std::string& native) {
+    if (path.find(u'\0') != std::u16string_view::npos) return systemError(EINVAL);
+    native = encode(path, false);
+    return {};
+}
+
+std::string display(const std::u16string& path) { return "\"" + encode(path, true) + "\""; }
+
+[[noreturn]] void fail(const std::string& what, const error_code& code) { throw Exception(what, code); }
+
+// Runs a reporting operation so that nothing escapes it, not even an
+// allocation failure.
+template <class Operation>
+void reportInto(error_code& errorCode, Operation&& operation) noexcept {
+    try {
+        if (error_code code = operation()) errorCode = code;
+    } catch (const std::bad_alloc&) {
+        errorCode = systemError(ENOMEM);
+    } catch (...) {
+        errorCode = systemError(EIO);
+    }
+}
+
+// ---- File descriptors ----------------------------------------------------------
+
+class Descriptor {
+public:
+    explicit Descriptor(int descriptor = -1) : fd(descriptor) {}
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    ~Descriptor() {
+        if (fd >= 0) ::close(fd);
+    }
+    int get() const { return fd; }
+    void reset(int newFd) {
+        if (fd >= 0) ::close(fd);
+        fd = newFd;
+    }
+    int release() { return std::exchange(fd, -1); }
+    // Closing can be where a write failure first shows, so it is checked.
+    error_code close() {
+        const int result = ::close(std::exchange(fd, -1));
+        return result == 0 || errno == EINTR ? error_code() : lastError();
+    }
+
+private:
+    int fd;
+};
+
+// A standard stream over a file descriptor that it owns. The descriptor is
+// opened here, not by the standard library, so that the caller gets the
+// exact errno and the file is not inherited across exec.
+template <class StandardStream>
+class DescriptorStream final : public StandardStream {
+public:
+    DescriptorStream(int fd, std::ios_base::openmode openMode)
+        : StandardStream(nullptr), buffer(fd, openMode, kBufferSize) {
+        this->rdbuf(&buffer);
+        if (!buffer.is_open()) this->setstate(std::ios_base::badbit);
+    }
+
+private:
+    // Reads and writes of a kilobyte or more go straight to the file; the
+    // buffer only gathers small ones.
+    static constexpr std::size_t kBufferSize = 16 * 1024;
+    __gnu_cxx::stdio_filebuf<char> buffer;
+};
+
+error_code openFile(const std::u16string& path, int flags, Descriptor& file, mode_t mode = 0666) {
+    std::string native;
+    if (error_code code = nativePath(path, native)) return code;
+    const int fd = ::open(native.c_str(), flags | O_CLOEXEC, mode);
+    if (fd < 0) return lastError();
+    file.reset(fd);
+    return {};
+}
+
+error_code refuseFolder(const Descriptor& file) {
+    struct stat info {};
+    if (::fstat(file.get(), &info) != 0) return lastError();
+    return S_ISDIR(info.st_mode) ? systemError(EISDIR) : error_code();
+}
+
+// open(2) flags for the standard stream modes an output stream accepts.
+error_code outputFlags(std::ios_base::openmode openMode, int& flags) {
+    using std::ios_base;
+    const bool in = (openMode & ios_base::in) != 0;
+    if (!(openMode & (ios_base::out | ios_base::app))) return systemError(EINVAL);
+    if (openMode & ios_base::app) {
+        if (openMode & ios_base::trunc) return systemError(EINVAL);
+        flags = (in ? O_RDWR : O_WRONLY) | O_CREAT | O_APPEND;
+    } else if (!in || (openMode & ios_base::trunc)) {
+        flags = (in ? O_RDWR : O_WRONLY) | O_CREAT | O_TRUNC;
+    } else {
+        flags = O_RDWR;  // in|out: update an existing file in place
+    }
+    return {};
+}
+
+// ---- Folders -------------------------------------------------------------------
+
+bool isFolderNative(const std::string& native) {
+    struct stat info {};
+    return ::stat(native.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+error_code createFoldersNative(const std::string& native) {
+    if (::mkdir(native.c_str(), 0777) == 0) return {};
+    const int error = errno;
+    if (error == EEXIST) return isFolderNative(native) ? error_code() : systemError(EEXIST);
+    if (error != ENOENT) return systemError(error);
+    const std::size_t slash = native.find_last_of('/');
+    if (slash == std::string::npos || slash == 0) return systemError(ENOENT);
+    if (error_code code = createFoldersNative(native.substr(0, slash))) return code;
+    if (::mkdir(native.c_str(), 0777) == 0) return {};
+    return errno == EEXIST && isFolderNative(native) ? error_code() : lastError();
+}
+
+error_code createFoldersAt(const std::u16string& path) {
+    std::string native;
+    if (error_code code = nativePath(path, native)) return code;
+    if (native.empty()) return systemError(ENOENT);
+    return createFoldersNative(native);
+}
+
+error_code removeAllAt(const std::u16string& path) {
+    std::string native;
+    if (error_code code = nativePath(path, native)) return code;
+    std::error_code code;
+    std::filesystem::remove_all(std::filesystem::path(native), code);
+    // libstdc++ reports errno values, so they keep their meaning in the
+    // system category.
+    return code ? systemError(code.value()) : error_code();
+}
+
+// What a listing needs of an entry: is it a folder to enter, or a file?
+enum class EntryKind { File, Folder, Skip };
+
+EntryKind kindOf(int folderFd, const dirent& entry) {
+    switch (entry.d_type) {
+        case DT_DIR:
+            return EntryKind::Folder;
+        case DT_LNK:
+        case DT_UNKNOWN:
+            break;
+        default:
+            return EntryKind::File;
+    }
+    struct stat info {};
+    if (::fstatat(folderFd, entry.d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) return EntryKind::File;
+    if (S_ISDIR(info.st_mode)) return EntryKind::Folder;
+    if (!S_ISLNK(info.st_mode)) return EntryKind::File;
+    // A link to a folder is not entered, so a link cycle cannot trap the
+    // listing; nor is it listed, since it is no file.
+    return ::fstatat(folderFd, entry.d_name, &info, 0) == 0 && S_ISDIR(info.st_mode) ? EntryKind::Skip
+                                                                                       : EntryKind::File;
+}
+
+struct PendingFolder {
+    std::string native;
+    std::u16string prefix;
+};
+
+// Reads one folder; its files go to files, its subfolders to pending.
+error_code listFolder(const PendingFolder& folder, std::vector<std::u16string>& files,
+                      std::vector<PendingFolder>* pending) {
+    const int fd = ::open(folder.native.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return lastError();
+    DIR* const stream = ::fdopendir(fd);
+    if (stream == nullptr) {
+        const error_code code = lastError();
+        ::close(fd);
+        return code;
+    }
+    std::unique_ptr<DIR, int (*)(DIR*)> guard(stream, &::closedir);
+    for (;;) {
+        errno = 0;
+        const dirent* entry = ::readdir(stream);
+        if (entry == nullptr) return errno == 0 ? error_code() : lastError();
+        const std::string_view name(entry->d_name);
+        if (name == "." || name == "..") continue;
+        switch (kindOf(fd, *entry)) {
+            case EntryKind::File: {
+                std::u16string& path = files.emplace_back(folder.prefix);
+                path += u'/';
+                path += decode(name);
+                break;
+            }
+            case EntryKind::Folder:
+                if (pending != nullptr) {
+                    pending->push_back({folder.native + '/' + std::string(name), folder.prefix + u'/' + decode(name)});
+                }
+                break;
+            case EntryKind::Skip:
+                break;
+        }
+    }
+}
+
+// ---- Copy ------------------------------------------------------------------------
+
+// Moves every remaining byte from source to destination inside the kernel:
+// copy_file_range where the file systems allow it (it may share extents),
+// sendfile otherwise.
+error_code copyContent(int source, int destination) {
+    constexpr std::size_t kChunk = std::size_t{1} << 30;
+    bool rangeCopyWorks = true;
+    for (;;) {
+        ssize_t copied = -1;
+        if (rangeCopyWorks) {
+            copied = ::copy_file_range(source, nullptr, destination, nullptr, kChunk, 0);
+            if (copied < 0 && (errno == EXDEV || errno == ENOSYS || errno == EOPNOTSUPP || errno == EINVAL)) {
+                rangeCopyWorks = false;
+                continue;
+            }
+        } else {
+            copied = ::sendfile(destination, source, nullptr, kChunk);
+        }
+        if (copied < 0) {
+            if (errno == EINTR) continue;
+            return lastError();
+        }
+        if (copied == 0) return {};
+    }
+}
+
+error_code copyFile(const std::u16string& from, const std::u16string& to, ExistsMode existsMode) {
+    Descriptor source;
+    if (error_code code = openFile(from, O_RDONLY, source)) return code;
+    struct stat sourceInfo {};
+    if (::fstat(source.get(), &sourceInfo) != 0) return lastError();
+    if (S_ISDIR(sourceInfo.st_mode)) return systemError(EISDIR);
+
+    const bool mustBeNew = existsMode != ExistsMode::Overwrite;
+    Descriptor destination;
+    error_code code = openFile(to, O_WRONLY | O_CREAT | (mustBeNew ? O_EXCL : 0), destination,
+                               sourceInfo.st_mode & 0777);
+    if (code == error_code(EEXIST, boost::system::system_category()) && existsMode == ExistsMode::Skip) return {};
+    if (code) return code;
+
+    struct stat destinationInfo {};
+    if (::fstat(destination.get(), &destinationInfo) != 0) return lastError();
+    if (destinationInfo.st_dev == sourceInfo.st_dev && destinationInfo.st_ino == sourceInfo.st_ino) {
+        return systemError(EINVAL);  // a file copied onto itself would be emptied
+    }
+    if (destinationInfo.st_size != 0 && ::ftruncate(destination.get(), 0) != 0) code = lastError();
+    if (!code) code = copyContent(source.get(), destination.get());
+    if (const error_code closed = destination.close(); !code) code = closed;
+    if (code) {
+        std::string native;
+        if (!nativePath(to, native)) ::unlink(native.c_str());  // no half-written copy stays behind
+    }
+    return code;
+}
+
+error_code renameNoReplace(const std::u16string& from, const std::u16string& to) {
+    std::string nativeFrom;
+    std::string nativeTo;
+    if (error_code code = nativePath(from, nativeFrom)) return code;
+    if (error_code code = nativePath(to, nativeTo)) return code;
+    if (::renameat2(AT_FDCWD, nativeFrom.c_str(), AT_FDCWD, nativeTo.c_str(), RENAME_NOREPLACE) == 0) return {};
+    if (errno != EINVAL && errno != ENOSYS) return lastError();
+    // A file system without RENAME_NOREPLACE: test, then rename. Not atomic,
+    // but it still never clobbers what it can see.
+    struct stat info {};
+    if (::lstat(nativeTo.c_str(), &info) == 0) return systemError(EEXIST);
+    return ::rename(nativeFrom.c_str(), nativeTo.c_str()) == 0 ? error_code() : lastError();
+}
+
+std::u16string currentFolder() {
+    std::string buffer(256, '\0');
+    while (::getcwd(buffer.data(), buffer.size()) == nullptr) {
+        if (errno != ERANGE) fail("Cannot read the current folder", lastError());
+        buffer.resize(buffer.size() * 2);
+    }
+    buffer.resize(std::char_traits<char>::length(buffer.c_str()));
+    return decode(buffer);
+}
+
+}  // namespace
+
+LocalFileSystemOps::LocalFileSystemOps() = default;
+
+LocalFileSystemOps::~LocalFileSystemOps() = default;
+
+std::string LocalFileSystemOps::toNativePath(std::u16string_view path) { return encode(path, false); }
+
+std::u16string LocalFileSystemOps::fromNativePath(std::string_view nativePath) { return decode(nativePath); }
+
+std::u16string LocalFileSystemOps::appendPathImpl(const std::u16string& folder, const std::u16string& relativePath) {
+    std::u16string path;
+    path.reserve(folder.size() + 1 + relativePath.size());
+    path = folder;
+    if (path.empty() || path.back() != u'/') path += u'/';
+    path += relativePath;
+    return path;
+}
+
+std::u16string LocalFileSystemOps::normalizePathImpl(const std::u16string& path) {
+    const std::u16string absolute = !path.empty() && path.front() == u'/' ? path : appendPathImpl(currentFolder(), path);
+    std::vector<std::u16string_view> segments;
+    const std::u16string_view rest(absolute);
+    for (std::size_t start = 0; start < rest.size();) {
+        std::size_t end = rest.find(u'/', start);
+        if (end == std::u16string_view::npos) end = rest.size();
+        const std::u16string_view segment = rest.substr(start, end - start);
+        if (segment == u"..") {
+            if (!segments.empty()) segments.pop_back();
+        } else if (!segment.empty() && segment != u".") {
+            segments.push_back(segment);
+        }
+        start = end + 1;
+    }
+    if (segments.empty()) return u"/";
+    std::u16string normalized;
+    normalized.reserve(absolute.size());
+    for (const std::u16string_view segment : segments) {
+        normalized += u'/';
+        normalized += segment;
+    }
+    return normalized;
+}
+
+std::u16string LocalFileSystemOps::getParentPathImpl(const std::u16string& path) {
+    const std::size_t slash = path.find_last_of(u'/');
+    if (slash == std::u16string::npos) return {};
+    if (slash == 0) return u"/";
+    return path.substr(0, slash);
+}
+
+std::u16string LocalFileSystemOps::getTempNameImpl(const std::u16string& folder) {
+    // Drawn afresh from the system each time: a forked child must not repeat
+    // its parent's names.
+    std::random_device random;
+    for (;;) {
+        const std::uint64_t bits = (std::uint64_t{random()} << 32) ^ random();
+        std::u16string name = u".opc-";
+        for (int shift = 60; shift >= 0; shift -= 4) name += u"0123456789abcdef"[(bits >> shift) & 0xF];
+        std::u16string candidate = appendPathImpl(folder, name);
+        std::string native;
+        if (error_code code = nativePath(candidate, native)) fail("Cannot make a temporary name in " + display(folder), code);
+        struct stat info {};
+        if (::lstat(native.c_str(), &info) != 0) {
+            if (errno == ENOENT || errno == ENOTDIR) return candidate;
+            fail("Cannot make a temporary name in " + display(folder), lastError());
+        }
+    }
+}
+
+bool LocalFileSystemOps::existsImpl(const std::u16string& path) {
+    std::string native;
+    struct stat info {};
+    return !nativePath(path, native) && ::stat(native.c_str(), &info) == 0;
+}
+
+bool LocalFileSystemOps::isFolderImpl(const std::u16string& path) {
+    std::string native;
+    return !nativePath(path, native) && isFolderNative(native);
+}
+
+void LocalFileSystemOps::getFilesImpl(const std::u16string& folder, std::vector<std::u16string>& files,
+                                      bool recursive) {
+    std::vector<PendingFolder> pending(1);
+    if (error_code code = nativePath(folder, pending.front().native)) fail("Cannot list folder " + display(folder), code);
+    pending.front().prefix = folder;
+    while (!pending.empty()) {
+        const PendingFolder current = std::move(pending.back());
+        pending.pop_back();
+        if (error_code code = listFolder(current, files, recursive ? &pending : nullptr)) {
+            fail("Cannot list folder " + display(current.prefix), code);
+        }
+    }
+}
+
+void LocalFileSystemOps::createFoldersImpl(const std::u16string& path) {
+    if (error_code code = createFoldersAt(path)) fail("Cannot create folder " + display(path), code);
+}
+
+void LocalFileSystemOps::createFoldersImpl(const std::u16string& path, boost::system::error_code& errorCode) noexcept {
+    reportInto(errorCode, [&] { return createFoldersAt(path); });
+}
+
+std::shared_ptr<std::istream> LocalFileSystemOps::createInputStreamImpl(const std::u16string& path,
+                                                                        std::ios_base::openmode openMode,
+                                                                        boost::system::error_code& errorCode) noexcept {
+    std::shared_ptr<std::istream> stream;
+    reportInto(errorCode, [&] {
+        if (!(openMode & std::ios_base::in)) return systemError(EINVAL);
+        Descriptor file;
+        if (error_code code = openFile(path, (openMode & std::ios_base::out) ? O_RDWR : O_RDONLY, file)) return code;
+        if (error_code code = refuseFolder(file)) return code;
+        auto opened = std::make_shared<DescriptorStream<std::istream>>(file.get(), openMode);
+        if (!opened->good()) return systemError(EIO);
+        file.release();  // the stream's buffer owns it now
+        stream = std::move(opened);
+        return error_code();
+    });
+    return stream;
+}
+
+std::shared_ptr<std::ostream> LocalFileSystemOps::createOutputStreamImpl(const std::u16string& path,
+                                                                         std::ios_base::openmode openMode,
+                                                                         boost::system::error_code& errorCode) noexcept {
+    std::shared_ptr<std::ostream> stream;
+    reportInto(errorCode, [&] {
+        int flags = 0;
+        if (error_code code = outputFlags(openMode, flags)) return code;
+        Descriptor file;
+        if (error_code code = openFile(path, flags, file)) return code;
+        if (error_code code = refuseFolder(file)) return code;
+        // The descriptor was opened with the truncation the mode asks for.
+        auto opened = std::make_shared<DescriptorStream<std::ostream>>(file.get(), openMode & ~std::ios_base::trunc);
+        if (!opened->good()) return systemError(EIO);
+        file.release();  // the stream's buffer owns it now
+        stream = std::move(opened);
+        return error_code();
+    });
+    return stream;
+}
+
+void LocalFileSystemOps::copyImpl(const std::u16string& from, const std::u16string& to, ExistsMode existsMode) {
+    if (error_code code = copyFile(from, to, existsMode)) fail("Cannot copy " + display(from) + " to " + display(to), code);
+}
+
+void LocalFileSystemOps::renameImpl(const std::u16string& from, const std::u16string& to) {
+    if (error_code code = renameNoReplace(from, to)) fail("Cannot rename " + display(from) + " to " + display(to), code);
+}
+
+void LocalFileSystemOps::removeAllImpl(const std::u16string& path) {
+    if (error_code code = removeAllAt(path)) fail("Cannot remove " + display(path), code);
+}
+
+void LocalFileSystemOps::removeAllImpl(const std::u16string& path, boost::system::error_code& errorCode) noexcept {
+    reportInto(errorCode, [&] { return removeAllAt(path); });
+}
+
+}  // namespace opc
