@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds, and runs every test.
+#   scripts/test.sh             optimised build with debug information
+#   scripts/test.sh --sanitize  AddressSanitizer and UndefinedBehaviorSanitizer
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/setup.sh
+
+if [ "${1:-}" = "--sanitize" ]; then
+    build=build-sanitize
+    sanitize="-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer"
+    flags=(-DCMAKE_BUILD_TYPE=Debug
+           "-DCMAKE_CXX_FLAGS=$sanitize"
+           "-DCMAKE_EXE_LINKER_FLAGS=-fsanitize=address,undefined"
+           "-DCMAKE_SHARED_LINKER_FLAGS=-fsanitize=address,undefined")
+    export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
+    export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+else
+    build=build
+    flags=(-DCMAKE_BUILD_TYPE=RelWithDebInfo)
+fi
+
+cmake -S . -B "$build" "${flags[@]}" >/dev/null
+cmake --build "$build" -j"$(nproc)"
+ctest --test-dir "$build" --output-on-failure -j"$(nproc)"
