@@ -437,7 +437,7 @@ std::u16string LocalFileSystemOps::appendPathImpl(const std::u16string& folder, 
 }
 
 std::u16string LocalFileSystemOps::normalizePathImpl(const std::u16string& path) {
-    const std::u16string absolute = !path.empty() && path.front() == u'/' ? path : appendPathImpl(currentFolder(), path);
+    const std::u16string absolute = !path.empty() && path.front() == u'/' ? path : LocalFileSystemOps::appendPathImpl(currentFolder(), path);
     std::vector<std::u16string_view> segments;
     const std::u16string_view rest(absolute);
     for (std::size_t start = 0; start < rest.size();) {
@@ -476,7 +476,7 @@ std::u16string LocalFileSystemOps::getTempNameImpl(const std::u16string& folder)
         const std::uint64_t bits = (std::uint64_t{random()} << 32) ^ random();
         std::u16string name = u".opc-";
         for (int shift = 60; shift >= 0; shift -= 4) name += u"0123456789abcdef"[(bits >> shift) & 0xF];
-        std::u16string candidate = appendPathImpl(folder, name);
+        std::u16string candidate = LocalFileSystemOps::appendPathImpl(folder, name);
         std::string native;
         if (error_code code = nativePath(candidate, native)) fail("Cannot make a temporary name in " + display(folder), code);
         struct stat info {};
