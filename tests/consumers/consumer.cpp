@@ -1,0 +1,139 @@
+// A client of the installed (or embedded) libraries: creates a package in the
+// folder given on the command line, commits it, reopens it to change one part
+// and delete another, then checks every file on disk byte for byte.
+// Exits 0 only when everything is as expected.
+#include <opccore/Exception.h>
+#include <opccore/LocalFileSystemOps.h>
+#include <opccore/interfaces/IPhysicalInputStream.h>
+#include <opccore/interfaces/IPhysicalOutputStream.h>
+#include <opccore/interfaces/IPhysicalPart.h>
+#include <opccore/interfaces/OpenMode.h>
+#include <opcfspackage/FileSystemPartInfo.h>
+#include <opcfspackage/FileSystemPhysicalPackage.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <map>
+#include <sstream>
+#include <string>
+
+namespace fs = std::filesystem;
+using opc::fspackage::FileSystemPartInfo;
+using opc::fspackage::FileSystemPhysicalPackage;
+
+namespace {
+
+const std::string kTypes =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>"
+    "<Types xmlns=\"http://schemas.openxmlformats.org/package/2006/content-types\"/>";
+
+int failures = 0;
+
+void expect(bool ok, const std::string& what) {
+    if (!ok) {
+        std::cerr << "consumer: FAILED: " << what << '\n';
+        ++failures;
+    }
+}
+
+void write(opc::interfaces::IPhysicalOutputStream* out, const std::string& bytes) {
+    const auto size = static_cast<std::streamsize>(bytes.size());
+    expect(out->write(bytes.data(), size) == size && !out->isFailed(), "write of " + std::to_string(size) + " bytes");
+}
+
+std::string read(opc::interfaces::IPhysicalInputStream* in) {
+    std::string bytes;
+    char buffer[4096];
+    for (std::streamsize got; (got = in->read(buffer, sizeof buffer)) > 0;) bytes.append(buffer, static_cast<std::size_t>(got));
+    return bytes;
+}
+
+// Relative path -> bytes of every entry below root; folders end in "/".
+std::map<std::string, std::string> snapshot(const fs::path& root) {
+    std::map<std::string, std::string> tree;
+    for (const auto& entry : fs::recursive_directory_iterator(root)) {
+        const std::string name = entry.path().lexically_relative(root).generic_string();
+        if (entry.is_directory()) {
+            tree[name + "/"] = "";
+        } else {
+            std::ifstream file(entry.path(), std::ios::binary);
+            tree[name] = std::string(std::istreambuf_iterator<char>(file), {});
+        }
+    }
+    return tree;
+}
+
+std::string describe(const std::map<std::string, std::string>& tree) {
+    std::ostringstream text;
+    for (const auto& [name, bytes] : tree) text << "  " << name << " [" << bytes << "]\n";
+    return text.str();
+}
+
+void expectTree(const fs::path& root, const std::map<std::string, std::string>& expected, const std::string& when) {
+    const auto actual = snapshot(root);
+    expect(actual == expected, "tree " + when + ":\n" + describe(actual) + "expected:\n" + describe(expected));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 2) {
+        std::cerr << "usage: consumer EMPTY-FOLDER\n";
+        return 2;
+    }
+    const fs::path root = argv[1];
+    const std::u16string packagePath = opc::LocalFileSystemOps::fromNativePath((root / "pkg").string());
+    try {
+        {
+            FileSystemPhysicalPackage package(packagePath);
+            package.open(opc::interfaces::Create);
+            write(package.getContentTypeOutputStream(), kTypes);
+            write(package.createPart(u"/word/document.xml", u"application/xml", FileSystemPartInfo())
+                      ->getOutputStream(),
+                  "<document>first</document>");
+            write(package.createPart(u"/docProps/app.xml", u"application/xml", FileSystemPartInfo())
+                      ->getOutputStream(),
+                  "<app/>");
+            package.close(false);
+        }
+        expectTree(root,
+                   {{"pkg/", ""},
+                    {"pkg/[Content_Types].xml", kTypes},
+                    {"pkg/docProps/", ""},
+                    {"pkg/docProps/app.xml", "<app/>"},
+                    {"pkg/word/", ""},
+                    {"pkg/word/document.xml", "<document>first</document>"}},
+                   "after the first commit");
+
+        {
+            FileSystemPhysicalPackage package(packagePath);
+            package.open(opc::interfaces::ReadWrite);
+            std::map<std::u16string, std::string> contents;
+            for (opc::interfaces::IPhysicalPart* part : package.getParts())
+                contents[part->getName()] = read(part->getInputStream());
+            expect(contents == std::map<std::u16string, std::string>{{u"/docProps/app.xml", "<app/>"},
+                                                                     {u"/word/document.xml",
+                                                                      "<document>first</document>"}},
+                   "parts read back after reopening");
+            package.deletePart(u"/docProps/app.xml");
+            write(package.createPart(u"/word/document.xml", u"application/xml", FileSystemPartInfo())
+                      ->getOutputStream(),
+                  "<document>second</document>");
+            package.close(false);
+        }
+        expectTree(root,
+                   {{"pkg/", ""},
+                    {"pkg/[Content_Types].xml", kTypes},
+                    {"pkg/word/", ""},
+                    {"pkg/word/document.xml", "<document>second</document>"}},
+                   "after the second commit");
+    } catch (const opc::Exception& e) {
+        std::cerr << "consumer: FAILED: opc::Exception: " << e.what() << '\n';
+        return 1;
+    }
+    if (failures != 0) return 1;
+    std::cout << "consumer: package written, committed and checked\n";
+    return 0;
+}
