@@ -46,7 +46,8 @@ void write(opc::interfaces::IPhysicalOutputStream* out, const std::string& bytes
 std::string read(opc::interfaces::IPhysicalInputStream* in) {
     std::string bytes;
     char buffer[4096];
-    for (std::streamsize got; (got = in->read(buffer, sizeof buffer)) > 0;) bytes.append(buffer, static_cast<std::size_t>(got));
+    for (std::streamsize got; (got = in->read(buffer, sizeof buffer)) > 0;)
+        bytes.append(buffer, static_cast<std::size_t>(got));
     return bytes;
 }
 
@@ -90,11 +91,10 @@ int main(int argc, char** argv) {
             FileSystemPhysicalPackage package(packagePath);
             package.open(opc::interfaces::Create);
             write(package.getContentTypeOutputStream(), kTypes);
-            write(package.createPart(u"/word/document.xml", u"application/xml", FileSystemPartInfo())
-                      ->getOutputStream(),
-                  "<document>first</document>");
-            write(package.createPart(u"/docProps/app.xml", u"application/xml", FileSystemPartInfo())
-                      ->getOutputStream(),
+            write(
+                package.createPart(u"/word/document.xml", u"application/xml", FileSystemPartInfo())->getOutputStream(),
+                "<document>first</document>");
+            write(package.createPart(u"/docProps/app.xml", u"application/xml", FileSystemPartInfo())->getOutputStream(),
                   "<app/>");
             package.close(false);
         }
@@ -113,14 +113,14 @@ int main(int argc, char** argv) {
             std::map<std::u16string, std::string> contents;
             for (opc::interfaces::IPhysicalPart* part : package.getParts())
                 contents[part->getName()] = read(part->getInputStream());
-            expect(contents == std::map<std::u16string, std::string>{{u"/docProps/app.xml", "<app/>"},
-                                                                     {u"/word/document.xml",
-                                                                      "<document>first</document>"}},
+            expect(contents ==
+                       std::map<std::u16string, std::string>{{u"/docProps/app.xml", "<app/>"},
+                                                             {u"/word/document.xml", "<document>first</document>"}},
                    "parts read back after reopening");
             package.deletePart(u"/docProps/app.xml");
-            write(package.createPart(u"/word/document.xml", u"application/xml", FileSystemPartInfo())
-                      ->getOutputStream(),
-                  "<document>second</document>");
+            write(
+                package.createPart(u"/word/document.xml", u"application/xml", FileSystemPartInfo())->getOutputStream(),
+                "<document>second</document>");
             package.close(false);
         }
         expectTree(root,
