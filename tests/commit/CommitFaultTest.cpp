@@ -157,9 +157,8 @@ void runWithFailure(const Recording& recording, std::size_t k, bool failCleanup)
     const std::vector<Call>& calls = ops.calls();
     EXPECT_EQ(hooksOf(calls, 0, k), hooksOf(recording.calls, 0, k));
     EXPECT_EQ(hooksOf(calls, k, calls.size()), expected.tail);
-    EXPECT_EQ(ops.failures(), failCleanup && !expected.tail.empty() && expected.tail.back() == Hook::RemoveAllReporting
-                                  ? 2u
-                                  : 1u);
+    const bool tempLeftForCleanup = !expected.tail.empty() && expected.tail.back() == Hook::RemoveAllReporting;
+    EXPECT_EQ(ops.failures(), failCleanup && tempLeftForCleanup ? 2u : 1u);
     for (std::size_t i = k; i < calls.size(); ++i) {
         if (calls[i].hook == Hook::Rename) {
             EXPECT_EQ(calls[i].second, dir.u16("pkg"));  // the old package goes back
@@ -175,7 +174,7 @@ void runWithFailure(const Recording& recording, std::size_t k, bool failCleanup)
     // remove.
     const TreeSnapshot after = snapshotTree(dir.path());
     EXPECT_EQ(subtree(after, "pkg", "pkg"), original);
-    if (failCleanup && expected.tail.back() == Hook::RemoveAllReporting) {
+    if (failCleanup && tempLeftForCleanup) {
         EXPECT_EQ(topLevelNames(after), (std::vector<std::string>{baseName(temp), "pkg"}));
     } else {
         EXPECT_EQ(after, original);
