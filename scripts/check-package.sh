@@ -7,9 +7,12 @@
 #     add_subdirectory, pkg-config), each writing and committing a package;
 #   - that every public header compiles on its own, with g++ and clang++;
 #   - the exported symbols of both libraries: only the classes declared with
-#     the export macro, never a test-only or unnamed-namespace symbol.
+#     the export macro, never a test-only or unnamed-namespace symbol;
+#   - that the library sources pass clang-tidy (.clang-tidy), and with
+#     --format that every C++ file is as clang-format (.clang-format) lays it out.
 #
-#   scripts/check-package.sh [--keep]    (--keep leaves the work folder)
+#   scripts/check-package.sh [--keep] [--format]
+#     --keep    leave the work folder (its path is printed)
 #
 # Prints PASS/FAIL per check and a summary line; exits non-zero on any failure.
 set -uo pipefail
@@ -17,7 +20,14 @@ cd "$(dirname "$0")/.."
 root="$(pwd)"
 
 keep=0
-[ "${1:-}" = "--keep" ] && keep=1
+format=0
+for arg in "$@"; do
+    case "$arg" in
+        --keep) keep=1 ;;
+        --format) format=1 ;;
+        *) echo "usage: $0 [--keep] [--format]" >&2; exit 2 ;;
+    esac
+done
 work="$(mktemp -d -t opc-check-package.XXXXXX)"
 if [ "$keep" -eq 1 ]; then
     echo "work folder: $work"
@@ -55,7 +65,8 @@ cache_value() { sed -n "s/^$1:[A-Z]*=//p" "$build/CMakeCache.txt"; }
 
 configure_and_build() {
     cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX="$prefix" \
-        -DOPC_BUILD_TESTS=OFF -DOPC_BUILD_BENCHMARKS=OFF -DOPC_BUILD_TOOLS=ON -DOPC_INSTALL=ON &&
+        -DOPC_BUILD_TESTS=OFF -DOPC_BUILD_BENCHMARKS=OFF -DOPC_BUILD_TOOLS=ON -DOPC_INSTALL=ON \
+        -DCMAKE_EXPORT_COMPILE_COMMANDS=ON &&
         cmake --build "$build" -j"$jobs"
 }
 
@@ -182,6 +193,25 @@ check_symbols() {
         }'
 }
 
+run_clang_tidy() {
+    local sources
+    sources="$(git -C "$root" ls-files 'opccore/src/*.cpp' 'opcfspackage/src/*.cpp' 2>/dev/null)"
+    [ -n "$sources" ] || sources="$(cd "$root" && ls opccore/src/*.cpp opcfspackage/src/*.cpp)"
+    # shellcheck disable=SC2086
+    (cd "$root" && clang-tidy -p "$build" --quiet $sources) || return 1
+    echo "$(echo "$sources" | wc -w) library sources pass"
+}
+
+check_format() {
+    local files file bad=0
+    files="$(git -C "$root" ls-files '*.h' '*.cpp')"
+    for file in $files; do
+        clang-format --dry-run --Werror "$root/$file" 2>/dev/null || { echo "not formatted: $file"; bad=$((bad + 1)); }
+    done
+    echo "$(echo "$files" | wc -w) files, $bad not formatted"
+    [ "$bad" -eq 0 ]
+}
+
 check "configure and build (RelWithDebInfo, libraries and tools)" configure_and_build
 check "install into a temporary prefix" cmake --install "$build"
 check "installed files, versions and SONAMEs" check_installed_files
@@ -193,6 +223,11 @@ done
 for lib in opccore opcfspackage; do
     check "exported symbols of lib$lib" check_symbols "$lib"
 done
+
+check "clang-tidy over the library sources" run_clang_tidy
+if [ "$format" -eq 1 ]; then
+    check "clang-format leaves every C++ file as it is" check_format
+fi
 
 if [ "$failed" -eq 0 ]; then
     echo "check-package: all $passed checks passed"

@@ -202,7 +202,7 @@ public:
 private:
     // Reads and writes of a kilobyte or more go straight to the file; the
     // buffer only gathers small ones.
-    static constexpr std::size_t kBufferSize = 16 * 1024;
+    static constexpr std::size_t kBufferSize = std::size_t{16} * 1024;
     __gnu_cxx::stdio_filebuf<char> buffer;
 };
 

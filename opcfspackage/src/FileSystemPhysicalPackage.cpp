@@ -38,7 +38,7 @@ private:
 // The swap's renames and removals pass through here. Despite the name, one
 // attempt is made: a failure is reported to the caller at once, who undoes
 // what came before, rather than hidden behind waits.
-void retryOnPermissionDenied(std::function<void()> operation) { operation(); }
+void retryOnPermissionDenied(const std::function<void()>& operation) { operation(); }
 
 void renameWithRetryOnPermissionDenied(opc::FileSystemOps& fileSystemOps, std::u16string& from, std::u16string& to) {
     retryOnPermissionDenied([&] { fileSystemOps.rename(from, to); });
@@ -78,7 +78,7 @@ FileSystemPhysicalPackage::FileSystemPhysicalPackage(const std::u16string& packa
 
 FileSystemPhysicalPackage::~FileSystemPhysicalPackage() {
     try {
-        close(true);
+        FileSystemPhysicalPackage::close(true);
         if (!tempPackageRoot.empty() && fileSystemOps.exists(tempPackageRoot)) {
             boost::system::error_code errorCode;
             fileSystemOps.removeAll(tempPackageRoot, errorCode);
