@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <stdexcept>
 
 namespace opc::test::fspackage {
@@ -31,14 +32,19 @@ opc::interfaces::IPhysicalPart* findPart(opc::interfaces::IPhysicalPackage& pack
     for (opc::interfaces::IPhysicalPart* part : package.getParts()) {
         if (part->getName() == name) return part;
     }
-    ADD_FAILURE() << "no part named " << toUtf8(name);
-    return nullptr;
+    throw std::runtime_error("no part named " + toUtf8(name));
 }
 
 opc::fspackage::FileSystemPart& fsPart(opc::interfaces::IPhysicalPart* part) {
     auto* own = dynamic_cast<opc::fspackage::FileSystemPart*>(part);
     if (own == nullptr) throw std::runtime_error("not a FileSystemPart");
     return *own;
+}
+
+void forbidWrites(FaultyFileSystemOps& ops) {
+    ops.failCalls(Hook::CreateFolders, 1, std::numeric_limits<std::size_t>::max());
+    ops.failCalls(Hook::CreateFoldersReporting, 1, std::numeric_limits<std::size_t>::max());
+    ops.failCalls(Hook::CreateOutputStream, 1, std::numeric_limits<std::size_t>::max());
 }
 
 std::vector<Hook> hooksCalled(const FaultyFileSystemOps& ops) {

@@ -28,12 +28,18 @@ TreeSnapshot writePackage(const std::filesystem::path& folder, const Files& file
 // The names getParts() lists, in its order.
 std::vector<std::u16string> partNames(opc::interfaces::IPhysicalPackage& package);
 
-// The part of that name among getParts(); fails the test (and returns null)
-// when there is none.
+// The part of that name among getParts(); throws std::runtime_error, which
+// fails the test, when there is none.
 opc::interfaces::IPhysicalPart* findPart(opc::interfaces::IPhysicalPackage& package, const std::u16string& name);
 
 // The library's own part class behind an interface pointer.
 opc::fspackage::FileSystemPart& fsPart(opc::interfaces::IPhysicalPart* part);
+
+// Makes every folder creation and output-stream opening fail. For packages
+// without a temporary folder, whose staged part paths would lie below the
+// root of the file system: should the library ever write there, the write
+// fails instead.
+void forbidWrites(FaultyFileSystemOps& ops);
 
 // The hooks of the recorded calls, in order.
 std::vector<Hook> hooksCalled(const FaultyFileSystemOps& ops);

@@ -244,6 +244,7 @@ TEST(OutputStream, RefusedWithoutTemporaryFolder) {
     const TreeSnapshot original = writePackage(dir.path(), {{"a.xml", "A"}});
     {
         FaultyFileSystemOps ops;
+        forbidWrites(ops);
         FileSystemPhysicalPackage package(dir.u16("pkg"), ops);
         package.open(OpenMode::Read);
         IPhysicalPart* part = findPart(package, u"/a.xml");
@@ -262,6 +263,7 @@ TEST(OutputStream, RefusedWithoutTemporaryFolder) {
     for (const bool openIt : {false, true}) {
         SCOPED_TRACE(openIt ? "mode 3" : "never opened");
         FaultyFileSystemOps ops;
+        forbidWrites(ops);
         FileSystemPhysicalPackage package(dir.u16("pkg"), ops);
         if (openIt) package.open(static_cast<OpenMode>(3));
         IPhysicalPart* part = create(package, u"/no-such-entry-5c1e.xml");
