@@ -55,7 +55,7 @@ constexpr int kKills = 40;
 #endif
 constexpr int kCreated = kParts / 30;
 constexpr int kMinimumKills = 10;
-constexpr auto kBudget = std::chrono::seconds(40);
+constexpr auto kBudget = std::chrono::seconds(30);
 
 std::string partPath(int i) {
     return "d" + std::to_string(i % 10) + "/s" + std::to_string(i / 10 % 10) + "/part" + std::to_string(i) + ".xml";
