@@ -14,8 +14,7 @@ install(TARGETS opccore opcfspackage
     EXPORT opcfspackageTargets
     LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
     ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}"
-    RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}"
-    INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+    RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
 install(DIRECTORY
         "${PROJECT_SOURCE_DIR}/opccore/include/opccore"
         "${PROJECT_SOURCE_DIR}/opcfspackage/include/opcfspackage"
