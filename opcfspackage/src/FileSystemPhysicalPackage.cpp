@@ -332,6 +332,9 @@ void FileSystemPhysicalPackage::copyUnchangedParts() {
 // folder: old folder aside, temporary folder in. Every failure after the
 // first rename is undone so that the old package is back at its path.
 void FileSystemPhysicalPackage::swapInTemporaryFolder() {
+    // A mode that stages nothing has no folder to swap in; the package folder
+    // must not even be moved aside for it.
+    if (tempPackageRoot.empty()) return;
     opc::FileSystemOps& fs = getFSImpl();
     try {
         std::u16string finalPath = packageRoot;

@@ -163,6 +163,23 @@ TEST(Close, DestroyingModifiedPackageDiscardsEveryChange) {
     EXPECT_EQ(snapshotTree(dir.path()), original);
 }
 
+// A mode that stages nothing has nothing to commit: even a package marked
+// modified leaves its folder where it is, rather than moving it aside.
+TEST(Close, ModifiedPackageOfModeThatStagesNothingTouchesNothing) {
+    TempDir dir;
+    const TreeSnapshot original = writeSamplePackage(dir.path());
+    FaultyFileSystemOps ops;
+    FileSystemPhysicalPackage package(dir.u16("pkg"), ops);
+    package.open(static_cast<OpenMode>(3));
+    // Marks the package modified even though the part lookup fails.
+    EXPECT_OPC_EXCEPTION(package.getContentTypeOutputStream(), "Content types stream does not exist", emptyCode());
+    ops.clearCalls();
+    EXPECT_NO_THROW(package.close(false));
+    EXPECT_FALSE(package.isOpen());
+    EXPECT_TRUE(ops.calls().empty());
+    EXPECT_EQ(snapshotTree(dir.path()), original);
+}
+
 TEST(Close, FailedRemovalOfTemporaryFolderIsNotReported) {
     TempDir dir;
     const TreeSnapshot original = writeSamplePackage(dir.path());
