@@ -212,8 +212,22 @@ check_format() {
     [ "$bad" -eq 0 ]
 }
 
+summary() {
+    if [ "$failed" -eq 0 ]; then
+        echo "check-package: all $passed checks passed"
+    else
+        echo "check-package: $failed of $((passed + failed)) checks FAILED: $(printf '[%s] ' "${failures[@]}")"
+    fi
+    [ "$failed" -eq 0 ]
+}
+
 check "configure and build (RelWithDebInfo, libraries and tools)" configure_and_build
-check "install into a temporary prefix" cmake --install "$build"
+[ "$failed" -eq 0 ] && check "install into a temporary prefix" cmake --install "$build"
+if [ "$failed" -ne 0 ]; then
+    echo "check-package: nothing to check without a build and an install"
+    summary
+    exit 1
+fi
 check "installed files, versions and SONAMEs" check_installed_files
 check "client projects (find_package, add_subdirectory, pkg-config)" \
     bash "$root/tests/consumers/run.sh" "$prefix" "$work/consumers"
@@ -229,9 +243,4 @@ if [ "$format" -eq 1 ]; then
     check "clang-format leaves every C++ file as it is" check_format
 fi
 
-if [ "$failed" -eq 0 ]; then
-    echo "check-package: all $passed checks passed"
-else
-    echo "check-package: $failed of $((passed + failed)) checks FAILED: ${failures[*]}"
-fi
-[ "$failed" -eq 0 ]
+summary
