@@ -1,0 +1,186 @@
+#include "Arguments.h"
+
+#include "Errors.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace opcdir {
+namespace {
+
+struct Option {
+    const char* name;
+    const char* shortName;  // empty when there is none
+    bool takesValue;
+};
+
+struct CommandSpec {
+    const char* name;
+    const char* synopsis;
+    const char* summary;
+    const char* details;
+    std::vector<Option> options;
+    std::size_t minOperands;
+    std::size_t maxOperands;
+};
+
+constexpr std::size_t kUnbounded = std::numeric_limits<std::size_t>::max();
+
+const std::vector<CommandSpec>& commands() {
+    static const std::vector<CommandSpec> table = {
+        {"ls", "ls [--long] [--json] PKG", "list the parts of a folder package with their sizes",
+         "  -l, --long   add each part's content type from [Content_Types].xml\n"
+         "               (Override by part name, else Default by extension)\n"
+         "      --json   print the listing as JSON\n",
+         {{"--long", "-l", false}, {"--json", "", false}}, 1, 1},
+        {"cat", "cat PKG PART", "write a part's bytes to standard output", "", {}, 2, 2},
+        {"put", "put PKG PART [FILE]", "make FILE (or standard input) the whole content of a part",
+         "  The part is created when it is new. PART may be written with or without\n"
+         "  its leading \"/\". \"-\" as FILE reads standard input.\n",
+         {}, 2, 3},
+        {"rm", "rm PKG PART...", "delete parts", "  Either every part named is deleted or none is.\n", {}, 2, kUnbounded},
+        {"new", "new PKG", "make an empty folder package with a minimal [Content_Types].xml",
+         "  PKG must not exist, or be an empty folder.\n", {}, 1, 1},
+        {"unpack", "unpack [--force] [--max-size N] [--max-ratio N] FILE PKG",
+         "turn a ZIP-based package file (.docx, .xlsx, .pptx, ...) into a folder package",
+         "  -f, --force          replace PKG even when it exists and is not empty\n"
+         "      --max-size N     refuse archives that expand to more than N bytes\n"
+         "                       (suffixes K, M, G; default 4G)\n"
+         "      --max-ratio N    refuse entries that expand more than N times\n"
+         "                       (default 1000)\n",
+         {{"--force", "-f", false}, {"--max-size", "", true}, {"--max-ratio", "", true}}, 2, 2},
+        {"pack", "pack PKG FILE", "turn a folder package into a ZIP-based package file",
+         "  [Content_Types].xml comes first, then the parts in name order, deflated,\n"
+         "  with fixed timestamps: packing the same folder twice gives the same bytes.\n"
+         "  FILE appears only when it is complete.\n",
+         {}, 2, 2},
+    };
+    return table;
+}
+
+const CommandSpec* findCommand(const std::string& name) {
+    for (const CommandSpec& spec : commands()) {
+        if (name == spec.name) return &spec;
+    }
+    return nullptr;
+}
+
+std::string seeHelp(const std::string& command) {
+    return " (see 'opcdir " + (command.empty() ? std::string() : command + " ") + "--help')";
+}
+
+// Applies the option at arguments[index]; returns false when it is none of
+// the command's options.
+bool takeOption(const CommandSpec& spec, const std::vector<std::string>& arguments, std::size_t& index,
+                Arguments& parsed) {
+    const std::string& argument = arguments[index];
+    const std::size_t equals = argument.find('=');
+    const std::string name = argument.substr(0, equals);
+    for (const Option& option : spec.options) {
+        if (name != option.name && name != option.shortName) continue;
+        if (!option.takesValue) {
+            if (equals != std::string::npos) throw UsageError(std::string(option.name) + " takes no value" + seeHelp(spec.name));
+            parsed.flags.insert(option.name);
+        } else if (equals != std::string::npos) {
+            parsed.values[option.name] = argument.substr(equals + 1);
+        } else if (index + 1 < arguments.size()) {
+            parsed.values[option.name] = arguments[++index];
+        } else {
+            throw UsageError(std::string(option.name) + " needs a value" + seeHelp(spec.name));
+        }
+        return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+Arguments parseArguments(const std::vector<std::string>& arguments) {
+    Arguments parsed;
+    if (arguments.empty()) throw UsageError("no command given" + seeHelp(""));
+    const std::string& first = arguments.front();
+    if (first == "--help" || first == "-h" || first == "help") {
+        if (arguments.size() > 1 && findCommand(arguments[1]) != nullptr) parsed.command = arguments[1];
+        parsed.flags.insert("--help");
+        return parsed;
+    }
+    if (first == "--version") {
+        parsed.flags.insert("--version");
+        return parsed;
+    }
+    const CommandSpec* spec = findCommand(first);
+    if (spec == nullptr) {
+        throw UsageError((first.size() > 1 && first[0] == '-' ? "unknown option '" : "unknown command '") + first + "'" +
+                         seeHelp(""));
+    }
+    parsed.command = spec->name;
+
+    bool optionsEnded = false;
+    for (std::size_t i = 1; i < arguments.size(); ++i) {
+        const std::string& argument = arguments[i];
+        if (optionsEnded || argument.size() < 2 || argument[0] != '-') {
+            parsed.operands.push_back(argument);
+        } else if (argument == "--") {
+            optionsEnded = true;
+        } else if (argument == "--help" || argument == "-h") {
+            parsed.flags.insert("--help");
+        } else if (!takeOption(*spec, arguments, i, parsed)) {
+            throw UsageError("unknown option '" + argument + "'" + seeHelp(spec->name));
+        }
+    }
+    if (parsed.has("--help")) return parsed;
+    if (parsed.operands.size() < spec->minOperands) throw UsageError("missing operand" + seeHelp(spec->name));
+    if (parsed.operands.size() > spec->maxOperands) {
+        throw UsageError("unexpected operand '" + parsed.operands[spec->maxOperands] + "'" + seeHelp(spec->name));
+    }
+    return parsed;
+}
+
+std::string helpText(const std::string& command) {
+    if (const CommandSpec* spec = findCommand(command)) {
+        std::string text = std::string("usage: opcdir ") + spec->synopsis + "\n\n" + spec->summary + ".\n";
+        if (*spec->details != '\0') text += std::string("\n") + spec->details;
+        return text;
+    }
+    std::string text =
+        "usage: opcdir COMMAND [OPTIONS] ARGUMENTS\n\n"
+        "Work with Open Packaging Conventions packages (.docx, .xlsx, .pptx, ...) kept\n"
+        "as plain folders. Every change is committed as a whole: when a command fails,\n"
+        "the package is left as it was.\n\n"
+        "commands:\n";
+    for (const CommandSpec& spec : commands()) {
+        std::string line = std::string("  ") + spec.synopsis;
+        line.resize(std::max<std::size_t>(line.size() + 2, 54), ' ');
+        text += line + "\n      " + spec.summary + "\n";
+    }
+    text += "\n'opcdir COMMAND --help' tells more about one command.\n"
+            "Exit status: 0 success, 1 failure, 2 wrong usage.\n";
+    return text;
+}
+
+std::uint64_t parseByteCount(const std::string& option, const std::string& text) {
+    std::uint64_t value = 0;
+    std::size_t i = 0;
+    const auto fail = [&]() -> std::uint64_t {
+        throw UsageError(option + " needs a byte count such as 4096, 64K or 4G, not '" + text + "'");
+    };
+    if (text.empty() || text[0] < '0' || text[0] > '9') fail();
+    for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
+        const auto digit = static_cast<std::uint64_t>(text[i] - '0');
+        if (value > (std::numeric_limits<std::uint64_t>::max() - digit) / 10) fail();
+        value = value * 10 + digit;
+    }
+    unsigned shift = 0;
+    if (i < text.size()) {
+        const std::string suffix = text.substr(i);
+        if (suffix == "K" || suffix == "k") shift = 10;
+        else if (suffix == "M" || suffix == "m") shift = 20;
+        else if (suffix == "G" || suffix == "g") shift = 30;
+        else if (suffix == "T" || suffix == "t") shift = 40;
+        else fail();
+    }
+    if (shift != 0 && value > (std::numeric_limits<std::uint64_t>::max() >> shift)) fail();
+    return value << shift;
+}
+
+}  // namespace opcdir

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <map>
+#include <string>
+#include <string_view>
+
+namespace opcdir {
+
+// The content types that a "[Content_Types].xml" stream gives the parts of a
+// package: an Override names one part, a Default covers every part whose name
+// ends in its extension. Part names and extensions match without regard to
+// ASCII case, and percent-encoded bytes match the bytes they stand for.
+class ContentTypes {
+public:
+    // Reads the Default and Override elements of xml; anything else, and any
+    // element it cannot read, is ignored, so a broken stream gives fewer
+    // content types rather than a failure.
+    static ContentTypes parse(std::string_view xml);
+
+    // The content type of the part partName ("/word/document.xml"), or empty
+    // when the stream gives it none.
+    std::string lookup(std::string_view partName) const;
+
+private:
+    std::map<std::string, std::string> defaults;   // folded extension -> type
+    std::map<std::string, std::string> overrides;  // folded, decoded part name -> type
+};
+
+// The minimal stream of a new package: Defaults for ".rels" and ".xml".
+std::string minimalContentTypes();
+
+}  // namespace opcdir

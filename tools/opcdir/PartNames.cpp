@@ -1,0 +1,66 @@
+#include "PartNames.h"
+
+#include "Errors.h"
+
+#include <opccore/LocalFileSystemOps.h>
+
+#include <cstdio>
+
+namespace opcdir {
+
+std::u16string toUtf16(std::string_view utf8) { return opc::LocalFileSystemOps::fromNativePath(utf8); }
+
+std::string toUtf8(std::u16string_view utf16) { return opc::LocalFileSystemOps::toNativePath(utf16); }
+
+std::string unsafeNameReason(std::string_view relative) {
+    if (relative.empty()) return "empty name";
+    if (relative.front() == '/') return "absolute name";
+    if (relative.find('\\') != std::string_view::npos) return "backslash in name";
+    if (relative.find('\0') != std::string_view::npos) return "NUL byte in name";
+    if (relative.back() == '/') return "name ends with '/'";
+    std::size_t start = 0;
+    for (;;) {
+        const std::size_t end = relative.find('/', start);
+        const std::string_view segment = relative.substr(start, end - start);
+        if (segment.empty()) return "empty segment in name";
+        if (segment == "." || segment == "..") return "'" + std::string(segment) + "' segment in name";
+        // The package folder keeps everything below "[trash]" out of the
+        // package: a part there would be written and then never seen again.
+        if (start == 0 && segment == "[trash]") return "reserved name '[trash]'";
+        if (end == std::string_view::npos) return {};
+        start = end + 1;
+    }
+}
+
+std::string partNameArgument(const std::string& subject, const std::string& argument) {
+    const std::string relative = !argument.empty() && argument.front() == '/' ? argument.substr(1) : argument;
+    if (const std::string reason = unsafeNameReason(relative); !reason.empty()) {
+        throw Failure(subject, "invalid part name " + quoteName(argument) + ": " + reason);
+    }
+    return "/" + relative;
+}
+
+std::string foldCase(std::string_view text) {
+    std::string folded(text);
+    for (char& c : folded) {
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    }
+    return folded;
+}
+
+std::string quoteName(std::string_view name) {
+    std::string result = "'";
+    for (const char c : name) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7f) {
+            char escape[5];
+            std::snprintf(escape, sizeof escape, "\\x%02x", byte);
+            result += escape;
+        } else {
+            result += c;
+        }
+    }
+    return result + "'";
+}
+
+}  // namespace opcdir

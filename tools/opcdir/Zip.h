@@ -1,0 +1,98 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+struct zip;
+
+namespace opcdir {
+
+struct ZipEntry {
+    std::uint64_t index = 0;
+    std::string name;                 // the bytes the central directory holds
+    std::uint64_t size = 0;           // as declared; reading checks the truth
+    std::uint64_t compressedSize = 0;
+};
+
+// A ZIP archive read entry by entry. Every failure is a Failure whose subject
+// is the archive as the user named it.
+class ZipReader {
+public:
+    // Reads the central directory. Entry names are taken from its raw bytes,
+    // so that a NUL in a name is seen rather than silently replaced.
+    ZipReader(std::string subject, const std::string& path);
+    ~ZipReader();
+    ZipReader(const ZipReader&) = delete;
+    ZipReader& operator=(const ZipReader&) = delete;
+
+    // Every entry, folder entries included, in central-directory order.
+    const std::vector<ZipEntry>& entries() const { return all; }
+
+    // Checks that local headers agree with the central directory.
+    // REQUIRES: no two entries share a name (the check counts them corrupt).
+    void checkConsistency();
+
+    // Passes the entry's bytes to sink piece by piece, as they are inflated;
+    // the data is never held whole. Fails on bad data or a bad checksum.
+    void read(const ZipEntry& entry, const std::function<void(const char*, std::size_t)>& sink);
+
+private:
+    std::string subject;
+    std::string path;
+    struct zip* archive = nullptr;
+    std::vector<ZipEntry> all;
+};
+
+// The bytes of one entry to be written, pulled in pieces while the archive is
+// written.
+class EntrySource {
+public:
+    virtual ~EntrySource() = default;
+    virtual void open() = 0;
+    // Up to count bytes; 0 at the end. Throws to abort the archive.
+    virtual std::size_t read(char* buffer, std::size_t count) = 0;
+    virtual void close() = 0;
+};
+
+// A ZIP archive written to a hidden temporary file beside its path and renamed
+// into place by commit(), so that the path never holds a half-written
+// archive. Entries are deflated, with a fixed timestamp and fixed attributes,
+// and ZIP64 records only where sizes or offsets need them: the same entries
+// give the same bytes.
+class ZipWriter {
+public:
+    ZipWriter(std::string subject, const std::string& path);
+    // Removes the temporary file unless commit() succeeded.
+    ~ZipWriter();
+    ZipWriter(const ZipWriter&) = delete;
+    ZipWriter& operator=(const ZipWriter&) = delete;
+
+    // Adds an entry of exactly size bytes; source is pulled during commit().
+    // REQUIRES: source outlives commit().
+    void add(const std::string& name, std::uint64_t size, EntrySource& source);
+
+    // Called with the count of bytes read from sources so far.
+    void onProgress(std::function<void(std::uint64_t)> callback) { progress = std::move(callback); }
+
+    // Writes the archive and renames it to the path.
+    void commit();
+
+private:
+    struct Context;
+
+    std::string subject;
+    std::string path;
+    std::string temporaryPath;
+    struct zip* archive = nullptr;
+    std::vector<std::unique_ptr<Context>> contexts;
+    std::function<void(std::uint64_t)> progress;
+    std::uint64_t bytesRead = 0;
+    std::string firstError;
+    bool committed = false;
+};
+
+}  // namespace opcdir
