@@ -1,0 +1,795 @@
+// opc_bench: times each workload through the library and through a baseline
+// that does the same file work with standard tools, in the same run and on the
+// same file system, and prints one table.
+//
+//   opc_bench [--quick] [--repetitions N] [--dir FOLDER] [--only NAME[,NAME...]]
+//
+// Every library repetition runs in a forked child, so that its peak resident
+// memory is its own; the memory check runs in a freshly executed copy of this
+// program. Repetitions of the library and the baseline alternate, and each
+// reported time is the median. Data lives in a fresh folder below --dir (the
+// system's temporary folder by default) and is removed at the end.
+//
+// Exit status: 0 when every workload ran and produced the expected result,
+// 1 when one failed. Missed speed targets are reported, not failed.
+
+#include <opccore/Exception.h>
+#include <opcfspackage/FileSystemPartInfo.h>
+#include <opcfspackage/FileSystemPhysicalPackage.h>
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/statfs.h>
+#include <sys/utsname.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <numeric>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+using opc::fspackage::FileSystemPartInfo;
+using opc::fspackage::FileSystemPhysicalPackage;
+using opc::interfaces::IPhysicalPart;
+
+constexpr std::size_t kKiB = 1024;
+constexpr std::size_t kMiB = 1024 * kKiB;
+constexpr std::size_t kPiece = 64 * kKiB;  // the read and write piece of the stream workloads
+
+struct Sizes {
+    std::size_t openParts;
+    std::size_t memoryParts;
+    std::size_t readBytes;
+    std::size_t writeBytes;
+    std::size_t commitParts;
+    std::size_t commitBytes;
+    std::size_t createParts;
+    int repetitions;
+};
+
+constexpr Sizes kFull{20000, 100000, 512 * kMiB, 512 * kMiB, 2000, 1024 * kMiB, 10000, 5};
+constexpr Sizes kQuick{2000, 5000, 16 * kMiB, 16 * kMiB, 200, 32 * kMiB, 1000, 3};
+
+// ---- Small helpers -------------------------------------------------------------
+
+// Every name made here is ASCII.
+std::u16string widen(const std::string& text) { return std::u16string(text.begin(), text.end()); }
+
+std::string narrow(const std::u16string& text) { return std::string(text.begin(), text.end()); }
+
+std::runtime_error systemFailure(const std::string& what) {
+    return std::runtime_error(what + ": " + std::strerror(errno));
+}
+
+// Bytes that differ from piece to piece position, so that no file is sparse
+// or trivially compressible; seed varies the content between versions.
+std::vector<char> pattern(std::size_t size, unsigned seed = 0) {
+    std::vector<char> bytes(size);
+    std::uint32_t state = 0x9E3779B9u ^ seed;
+    for (char& byte : bytes) {
+        state = state * 1664525u + 1013904223u;
+        byte = static_cast<char>(state >> 24);
+    }
+    return bytes;
+}
+
+void writeWhole(int fd, const char* data, std::size_t size) {
+    while (size > 0) {
+        const ssize_t written = ::write(fd, data, size);
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) throw systemFailure("write");
+        data += written;
+        size -= static_cast<std::size_t>(written);
+    }
+}
+
+// Writes size bytes, repeating piece, to a new file at path.
+void writeFile(const fs::path& path, const std::vector<char>& piece, std::size_t size) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) throw systemFailure("open " + path.string());
+    for (std::size_t done = 0; done < size;) {
+        const std::size_t chunk = std::min(piece.size(), size - done);
+        writeWhole(fd, piece.data(), chunk);
+        done += chunk;
+    }
+    if (::close(fd) != 0) throw systemFailure("close " + path.string());
+}
+
+std::string readFile(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream content;
+    content << in.rdbuf();
+    return content.str();
+}
+
+std::size_t countFiles(const fs::path& folder) {
+    std::size_t count = 0;
+    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+        if (entry.is_regular_file()) ++count;
+    }
+    return count;
+}
+
+const char kContentTypes[] =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>"
+    "<Types xmlns=\"http://schemas.openxmlformats.org/package/2006/content-types\">"
+    "<Default Extension=\"xml\" ContentType=\"application/xml\"/></Types>";
+
+void writeContentTypes(const fs::path& package) {
+    fs::create_directories(package);
+    writeFile(package / "[Content_Types].xml", std::vector<char>(std::begin(kContentTypes), std::end(kContentTypes) - 1),
+              sizeof kContentTypes - 1);
+}
+
+// Part i of a package of small parts: 50 files to a folder, 20 folders to a
+// group, so a listing walks three levels.
+std::string smallPartPath(std::size_t i) {
+    char name[64];
+    std::snprintf(name, sizeof name, "word/g%03zu/f%02zu/part%06zu.xml", i / 1000, (i / 50) % 20, i);
+    return name;
+}
+
+// Part i of the created package: 100 files to a folder, 10 folders to a group.
+std::string createdPartPath(std::size_t i) {
+    char name[64];
+    std::snprintf(name, sizeof name, "xl/g%02zu/f%zu/sheet%05zu.xml", i / 1000, (i / 100) % 10, i);
+    return name;
+}
+
+void makeSmallPartPackage(const fs::path& package, std::size_t parts) {
+    writeContentTypes(package);
+    const std::vector<char> content = pattern(200);
+    for (std::size_t i = 0; i < parts; ++i) {
+        const fs::path path = package / smallPartPath(i);
+        if (i % 50 == 0) fs::create_directories(path.parent_path());
+        writeFile(path, content, content.size());
+    }
+}
+
+long statusKiB(const char* field) {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    const std::size_t length = std::strlen(field);
+    while (std::getline(status, line)) {
+        if (line.compare(0, length, field) == 0 && line.size() > length && line[length] == ':') {
+            return std::atol(line.c_str() + length + 1);
+        }
+    }
+    return -1;
+}
+
+// From here on, VmHWM reports the peak reached after this call only.
+void resetPeakMemory() {
+    std::ofstream clear("/proc/self/clear_refs");
+    clear << "5";
+}
+
+double seconds(Clock::duration duration) { return std::chrono::duration<double>(duration).count(); }
+
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    const std::size_t middle = values.size() / 2;
+    return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+}
+
+// ---- Running a measured process ---------------------------------------------------
+
+struct Sample {
+    double seconds = 0;
+    long peakKiB = 0;  // peak resident memory of the process that did the work
+};
+
+// Runs work in a forked child, timed there, so that what the parent holds
+// never counts against the library and its peak memory is its own.
+Sample runInChild(const std::function<void()>& work) {
+    std::fflush(nullptr);
+    int channel[2];
+    if (::pipe2(channel, O_CLOEXEC) != 0) throw systemFailure("pipe");
+    const pid_t pid = ::fork();
+    if (pid < 0) throw systemFailure("fork");
+    if (pid == 0) {
+        ::close(channel[0]);
+        int status = 1;
+        try {
+            resetPeakMemory();
+            const auto start = Clock::now();
+            work();
+            Sample sample;
+            sample.seconds = seconds(Clock::now() - start);
+            sample.peakKiB = statusKiB("VmHWM");
+            writeWhole(channel[1], reinterpret_cast<const char*>(&sample), sizeof sample);
+            status = 0;
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "opc_bench: %s\n", e.what());
+        }
+        ::_exit(status);
+    }
+    ::close(channel[1]);
+    Sample sample;
+    std::size_t got = 0;
+    while (got < sizeof sample) {
+        const ssize_t n = ::read(channel[0], reinterpret_cast<char*>(&sample) + got, sizeof sample - got);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        got += static_cast<std::size_t>(n);
+    }
+    ::close(channel[0]);
+    int status = 0;
+    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (got != sizeof sample || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        throw std::runtime_error("the measured run failed");
+    }
+    return sample;
+}
+
+// Runs a command and times it from fork to exit. Its standard output goes to
+// /dev/null, or into a pipe read here to the end, whose bytes are kept in
+// *output when given.
+Sample runCommand(const std::vector<std::string>& arguments, bool intoPipe, std::string* output = nullptr) {
+    std::vector<char*> argv;
+    for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    std::fflush(nullptr);
+    int channel[2] = {-1, -1};
+    if (intoPipe && ::pipe2(channel, O_CLOEXEC) != 0) throw systemFailure("pipe");
+    const auto start = Clock::now();
+    const pid_t pid = ::fork();
+    if (pid < 0) throw systemFailure("fork");
+    if (pid == 0) {
+        const int sink = intoPipe ? channel[1] : ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+        if (sink < 0 || ::dup2(sink, STDOUT_FILENO) < 0) ::_exit(127);
+        ::execvp(argv[0], argv.data());
+        ::_exit(127);
+    }
+    if (intoPipe) {
+        ::close(channel[1]);
+        char buffer[64 * 1024];
+        for (;;) {
+            const ssize_t n = ::read(channel[0], buffer, sizeof buffer);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
+            if (output != nullptr) output->append(buffer, static_cast<std::size_t>(n));
+        }
+        ::close(channel[0]);
+    }
+    int status = 0;
+    rusage usage{};
+    while (::wait4(pid, &status, 0, &usage) < 0 && errno == EINTR) {
+    }
+    Sample sample;
+    sample.seconds = seconds(Clock::now() - start);
+    sample.peakKiB = usage.ru_maxrss;
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) throw std::runtime_error("command failed: " + arguments[0]);
+    return sample;
+}
+
+// ---- Workloads ---------------------------------------------------------------------
+
+struct Workload {
+    std::string name;
+    std::string size;
+    double target = 0;
+    bool writes = false;                   // sync() before every timed run, so no run pays for another's writeback
+    std::function<void(int)> library;      // runs in a forked child; the argument is the repetition
+    std::function<Sample()> baseline;
+    std::function<void(int)> afterLibrary;  // untimed: checks the result and tidies up
+    std::function<void()> afterBaseline;
+    std::vector<fs::path> data;            // removed once the workload is done
+};
+
+struct Row {
+    std::string name;
+    std::string size;
+    double target = 0;
+    double ours = 0;
+    double baseline = 0;
+    long oursPeakKiB = 0;
+    long baselinePeakKiB = 0;
+    bool failed = false;
+};
+
+void require(bool condition, const std::string& what) {
+    if (!condition) throw std::runtime_error(what);
+}
+
+IPhysicalPart* findPart(FileSystemPhysicalPackage& package, const std::u16string& name) {
+    for (IPhysicalPart* part : package.getParts()) {
+        if (part->getName() == name) return part;
+    }
+    throw std::runtime_error("part not found: " + narrow(name));
+}
+
+// No temporary or moved-aside folder may outlive a commit.
+void requireNoLeftovers(const fs::path& folder) {
+    for (const auto& entry : fs::directory_iterator(folder)) {
+        require(entry.path().filename().string().rfind(".opc-", 0) != 0, "left behind: " + entry.path().string());
+    }
+}
+
+Workload openWorkload(const fs::path& root, std::size_t parts) {
+    const fs::path package = root / "open";
+    makeSmallPartPackage(package, parts);
+    Workload w;
+    w.name = "open";
+    w.size = std::to_string(parts) + " parts";
+    w.target = 2.0;
+    w.data = {package};
+    w.library = [package, parts](int) {
+        FileSystemPhysicalPackage opened(widen(package.string()));
+        opened.open(opc::interfaces::Read);
+        const std::size_t listed = opened.getParts().size();
+        opened.close(false);
+        require(listed == parts, "open listed " + std::to_string(listed) + " parts");
+    };
+    w.baseline = [package, parts] {
+        std::string listing;
+        const Sample sample = runCommand({"find", package.string(), "-type", "f"}, true, &listing);
+        require(static_cast<std::size_t>(std::count(listing.begin(), listing.end(), '\n')) == parts + 1,
+                "find listed the wrong number of files");
+        return sample;
+    };
+    return w;
+}
+
+Workload readWorkload(const fs::path& root, std::size_t bytes) {
+    const fs::path package = root / "read";
+    const fs::path file = package / "media" / "big.bin";
+    writeContentTypes(package);
+    fs::create_directories(file.parent_path());
+    writeFile(file, pattern(kPiece), bytes);
+    runCommand({"cat", file.string()}, false);  // warm cache
+    Workload w;
+    w.name = "read";
+    w.size = std::to_string(bytes / kMiB) + " MiB";
+    w.target = 1.10;
+    w.data = {package};
+    w.library = [package, bytes](int) {
+        FileSystemPhysicalPackage opened(widen(package.string()));
+        opened.open(opc::interfaces::Read);
+        opc::interfaces::IPhysicalInputStream* in = findPart(opened, u"/media/big.bin")->getInputStream();
+        std::vector<char> buffer(kPiece);
+        std::size_t total = 0;
+        while (const std::streamsize got = in->read(buffer.data(), static_cast<std::streamsize>(buffer.size()))) {
+            total += static_cast<std::size_t>(got);
+        }
+        opened.close(false);
+        require(total == bytes, "read " + std::to_string(total) + " bytes");
+    };
+    w.baseline = [file] { return runCommand({"cat", file.string()}, false); };
+    w.afterLibrary = [](int) {};
+    w.afterBaseline = [] {};
+    return w;
+}
+
+Workload writeWorkload(const fs::path& root, std::size_t bytes) {
+    const fs::path source = root / "write-source.bin";
+    const fs::path package = root / "write";
+    const fs::path copy = root / "write-dd.bin";
+    writeFile(source, pattern(kPiece), bytes);
+    Workload w;
+    w.name = "write";
+    w.size = std::to_string(bytes / kMiB) + " MiB";
+    w.target = 1.20;
+    w.writes = true;
+    w.data = {source, package, copy};
+    w.library = [package, bytes](int) {
+        const std::vector<char> piece = pattern(kPiece);
+        FileSystemPhysicalPackage created(widen(package.string()));
+        created.open(opc::interfaces::Create);
+        opc::interfaces::IPhysicalOutputStream* out =
+            created.createPart(u"/media/big.bin", u"application/octet-stream", FileSystemPartInfo())->getOutputStream();
+        for (std::size_t done = 0; done < bytes; done += piece.size()) {
+            require(out->write(piece.data(), static_cast<std::streamsize>(piece.size())) ==
+                        static_cast<std::streamsize>(piece.size()),
+                    "write refused");
+        }
+        require(!out->isFailed(), "output stream failed");
+        created.close(false);
+    };
+    w.afterLibrary = [root, package, bytes](int) {
+        require(fs::file_size(package / "media" / "big.bin") == bytes, "written part has the wrong size");
+        require(countFiles(package) == 2, "written package has the wrong files");
+        requireNoLeftovers(root);
+        fs::remove_all(package);
+    };
+    w.baseline = [source, copy] {
+        return runCommand({"dd", "if=" + source.string(), "of=" + copy.string(), "bs=64k", "status=none"}, false);
+    };
+    w.afterBaseline = [copy, bytes] {
+        require(fs::file_size(copy) == bytes, "dd wrote the wrong size");
+        fs::remove(copy);
+    };
+    return w;
+}
+
+Workload commitWorkload(const fs::path& root, std::size_t parts, std::size_t bytes) {
+    const fs::path package = root / "commit";
+    const fs::path copy = root / "commit-copy";
+    constexpr std::size_t kDocument = 4 * kKiB;
+    writeContentTypes(package);
+    fs::create_directories(package / "word");
+    writeFile(package / "word" / "document.xml", pattern(kDocument, 1), kDocument);
+    const std::size_t each = (bytes - kDocument) / (parts - 1);
+    const std::vector<char> content = pattern(each, 2);
+    for (std::size_t i = 0; i + 1 < parts; ++i) {
+        char name[64];
+        std::snprintf(name, sizeof name, "media/g%02zu/image%05zu.bin", i / 100, i);
+        const fs::path path = package / name;
+        if (i % 100 == 0) fs::create_directories(path.parent_path());
+        writeFile(path, content, each);
+    }
+    Workload w;
+    w.name = "commit";
+    w.size = std::to_string(parts) + " parts, " + std::to_string(bytes / kMiB) + " MiB";
+    w.target = 1.05;
+    w.writes = true;
+    w.data = {package, copy};
+    w.library = [package](int repetition) {
+        const std::vector<char> document = pattern(kDocument, 10 + static_cast<unsigned>(repetition));
+        FileSystemPhysicalPackage changed(widen(package.string()));
+        changed.open(opc::interfaces::ReadWrite);
+        findPart(changed, u"/word/document.xml")->getOutputStream()->write(document.data(), kDocument);
+        changed.close(false);
+    };
+    w.afterLibrary = [root, package, parts](int repetition) {
+        const std::vector<char> document = pattern(kDocument, 10 + static_cast<unsigned>(repetition));
+        require(readFile(package / "word" / "document.xml") == std::string(document.begin(), document.end()),
+                "the rewritten part was not committed");
+        require(countFiles(package) == parts + 1, "the committed package has the wrong files");
+        requireNoLeftovers(root);
+    };
+    w.baseline = [package, copy] { return runCommand({"cp", "-r", package.string(), copy.string()}, false); };
+    w.afterBaseline = [copy, parts] {
+        require(countFiles(copy) == parts + 1, "cp copied the wrong files");
+        fs::remove_all(copy);
+    };
+    return w;
+}
+
+Workload createWorkload(const fs::path& root, std::size_t parts) {
+    const fs::path package = root / "create";
+    const fs::path copy = root / "create-ofstream";
+    Workload w;
+    w.name = "create";
+    w.size = std::to_string(parts) + " parts of 1 KiB";
+    w.target = 1.30;
+    w.writes = true;
+    w.data = {package, copy};
+    w.library = [package, parts](int) {
+        const std::vector<char> content = pattern(kKiB);
+        FileSystemPhysicalPackage created(widen(package.string()));
+        created.open(opc::interfaces::Create);
+        for (std::size_t i = 0; i < parts; ++i) {
+            IPhysicalPart* part = created.createPart(u"/" + widen(createdPartPath(i)), u"application/xml",
+                                                     FileSystemPartInfo());
+            opc::interfaces::IPhysicalOutputStream* out = part->getOutputStream();
+            out->write(content.data(), kKiB);
+            out->close();  // or every part would hold a descriptor until the commit
+        }
+        created.close(false);
+    };
+    w.afterLibrary = [root, package, parts](int) {
+        require(countFiles(package) == parts + 1, "the created package has the wrong files");
+        require(fs::file_size(package / createdPartPath(parts - 1)) == kKiB, "a created part has the wrong size");
+        requireNoLeftovers(root);
+        fs::remove_all(package);
+    };
+    w.baseline = [copy, parts] {
+        return runInChild([copy, parts] {
+            const std::vector<char> content = pattern(kKiB);
+            fs::create_directories(copy);
+            std::ofstream(copy / "[Content_Types].xml", std::ios::binary).close();
+            for (std::size_t i = 0; i < parts; ++i) {
+                const fs::path path = copy / createdPartPath(i);
+                if (i % 100 == 0) fs::create_directories(path.parent_path());
+                std::ofstream file(path, std::ios::binary);
+                file.write(content.data(), kKiB);
+                file.close();
+                require(!file.fail(), "ofstream failed");
+            }
+        });
+    };
+    w.afterBaseline = [copy, parts] {
+        require(countFiles(copy) == parts + 1, "the ofstream loop wrote the wrong files");
+        fs::remove_all(copy);
+    };
+    return w;
+}
+
+// Library and baseline alternate which goes first, so that neither always
+// meets the state the other left.
+Row measure(Workload& w, int repetitions) {
+    Row row{w.name, w.size, w.target};
+    if (!w.afterLibrary) w.afterLibrary = [](int) {};
+    if (!w.afterBaseline) w.afterBaseline = [] {};
+    std::vector<double> ours;
+    std::vector<double> baseline;
+    for (int repetition = 0; repetition < repetitions; ++repetition) {
+        for (int side = 0; side < 2; ++side) {
+            if (w.writes) ::sync();
+            if ((side == 0) == (repetition % 2 == 0)) {
+                const Sample sample = runInChild([&] { w.library(repetition); });
+                w.afterLibrary(repetition);
+                ours.push_back(sample.seconds);
+                row.oursPeakKiB = std::max(row.oursPeakKiB, sample.peakKiB);
+            } else {
+                const Sample sample = w.baseline();
+                w.afterBaseline();
+                baseline.push_back(sample.seconds);
+                row.baselinePeakKiB = std::max(row.baselinePeakKiB, sample.peakKiB);
+            }
+        }
+    }
+    row.ours = median(ours);
+    row.baseline = median(baseline);
+    return row;
+}
+
+// ---- Peak memory of a large open ---------------------------------------------------
+
+struct MemoryResult {
+    std::size_t parts = 0;
+    long startKiB = 0;
+    long peakKiB = 0;
+    double seconds = 0;
+};
+
+// Runs in a freshly executed copy of this program: nothing but the library
+// and the C++ runtime is resident when it starts.
+int measureOpen(const std::string& folder, std::size_t parts) {
+    try {
+        resetPeakMemory();
+        const long startKiB = statusKiB("VmRSS");
+        const auto start = Clock::now();
+        std::size_t listed = 0;
+        {
+            FileSystemPhysicalPackage opened(widen(folder));
+            opened.open(opc::interfaces::Read);
+            listed = opened.getParts().size();
+            opened.close(false);
+        }
+        const double elapsed = seconds(Clock::now() - start);
+        require(listed == parts, "open listed " + std::to_string(listed) + " parts");
+        std::printf("%ld %ld %.6f\n", startKiB, statusKiB("VmHWM"), elapsed);
+        return 0;
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "opc_bench: %s\n", e.what());
+        return 1;
+    }
+}
+
+MemoryResult memoryWorkload(const fs::path& root, std::size_t parts) {
+    const fs::path package = root / "memory";
+    makeSmallPartPackage(package, parts);
+    std::string output;
+    runCommand({"/proc/self/exe", "--measure-open", package.string(), std::to_string(parts)}, true, &output);
+    fs::remove_all(package);
+    MemoryResult result;
+    result.parts = parts;
+    std::istringstream fields(output);
+    require(static_cast<bool>(fields >> result.startKiB >> result.peakKiB >> result.seconds),
+            "no measurement from the child");
+    return result;
+}
+
+// ---- Report ------------------------------------------------------------------------
+
+std::string firstLineOf(const char* file, const std::string& prefix) {
+    std::ifstream in(file);
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.rfind(prefix, 0) == 0) {
+            const std::size_t colon = line.find(':');
+            return colon == std::string::npos ? line : line.substr(colon + 2);
+        }
+    }
+    return "unknown";
+}
+
+std::string fileSystemType(const fs::path& folder) {
+    struct statfs info {};
+    if (::statfs(folder.c_str(), &info) != 0) return "unknown";
+    switch (static_cast<unsigned long>(info.f_type)) {
+        case 0xEF53: return "ext2/3/4";
+        case 0x01021994: return "tmpfs";
+        case 0x58465342: return "xfs";
+        case 0x9123683E: return "btrfs";
+        case 0x794C7630: return "overlayfs";
+        default: {
+            char hex[32];
+            std::snprintf(hex, sizeof hex, "0x%lx", static_cast<unsigned long>(info.f_type));
+            return hex;
+        }
+    }
+}
+
+void printMachine(const fs::path& root, bool quick, int repetitions) {
+    utsname system{};
+    ::uname(&system);
+    const long pages = ::sysconf(_SC_PHYS_PAGES);
+    const long pageSize = ::sysconf(_SC_PAGESIZE);
+    std::printf("machine:     %s, %ld cores, %.1f GiB memory\n", firstLineOf("/proc/cpuinfo", "model name").c_str(),
+                ::sysconf(_SC_NPROCESSORS_ONLN), static_cast<double>(pages) * static_cast<double>(pageSize) / (1024.0 * kMiB));
+    std::printf("system:      %s %s, data on %s\n", system.sysname, system.release, fileSystemType(root).c_str());
+    std::printf("compiler:    %s%s\n", __VERSION__,
+#ifdef __OPTIMIZE__
+                ", optimised"
+#else
+                ", not optimised (times are not representative)"
+#endif
+    );
+    std::printf("run:         %s sizes, median of %d repetitions, library and baseline alternating\n\n",
+                quick ? "quick" : "full", repetitions);
+}
+
+double mebibytes(long kib) { return static_cast<double>(kib) / 1024.0; }
+
+void printTable(const std::vector<Row>& rows) {
+    std::printf("| workload | size | ours (s) | baseline (s) | ratio | target | ours peak RSS (MiB) | baseline peak RSS (MiB) |\n");
+    std::printf("|---|---|---:|---:|---:|---:|---:|---:|\n");
+    for (const Row& row : rows) {
+        if (row.failed) {
+            std::printf("| %s | %s | FAILED | | | | | |\n", row.name.c_str(), row.size.c_str());
+            continue;
+        }
+        const double ratio = row.ours / row.baseline;
+        std::printf("| %s | %s | %.3f | %.3f | %.2f | <= %.2f %s | %.1f | %.1f |\n", row.name.c_str(), row.size.c_str(),
+                    row.ours, row.baseline, ratio, row.target, ratio <= row.target ? "met" : "MISSED",
+                    mebibytes(row.oursPeakKiB), mebibytes(row.baselinePeakKiB));
+    }
+}
+
+void printMemory(const MemoryResult& memory) {
+    const long grown = memory.peakKiB - memory.startKiB;
+    const double perPart = static_cast<double>(grown) * 1024.0 / static_cast<double>(memory.parts);
+    const bool met = memory.peakKiB < 64 * 1024 && perPart <= 600;
+    std::printf("\nmemory: open(Read) + getParts() + close of %zu parts in a fresh process: %.3f s, "
+                "RSS before %.1f MiB, peak %.1f MiB, %.0f bytes per part (target: peak < 64 MiB, <= 600 bytes "
+                "per part) %s\n",
+                memory.parts, memory.seconds, mebibytes(memory.startKiB), mebibytes(memory.peakKiB), perPart,
+                met ? "met" : "MISSED");
+}
+
+// ---- Main ---------------------------------------------------------------------------
+
+struct Options {
+    bool quick = false;
+    int repetitions = 0;
+    fs::path dir = fs::temp_directory_path();
+    std::vector<std::string> only;
+};
+
+bool selected(const Options& options, const std::string& name) {
+    return options.only.empty() || std::find(options.only.begin(), options.only.end(), name) != options.only.end();
+}
+
+std::optional<Options> parse(int argc, char** argv) {
+    Options options;
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i];
+        const bool hasValue = i + 1 < argc;
+        if (argument == "--quick") {
+            options.quick = true;
+        } else if (argument == "--repetitions" && hasValue) {
+            options.repetitions = std::atoi(argv[++i]);
+            if (options.repetitions < 1) return std::nullopt;
+        } else if (argument == "--dir" && hasValue) {
+            options.dir = argv[++i];
+        } else if (argument == "--only" && hasValue) {
+            std::istringstream names(argv[++i]);
+            for (std::string name; std::getline(names, name, ',');) options.only.push_back(name);
+        } else {
+            return std::nullopt;
+        }
+    }
+    return options;
+}
+
+// The run's data folder, removed however the run ends.
+class DataFolder {
+public:
+    explicit DataFolder(const fs::path& parent) {
+        std::string pattern = (parent / "opc-bench-XXXXXX").string();
+        if (::mkdtemp(pattern.data()) == nullptr) throw systemFailure("mkdtemp in " + parent.string());
+        root = pattern;
+    }
+    DataFolder(const DataFolder&) = delete;
+    DataFolder& operator=(const DataFolder&) = delete;
+    ~DataFolder() {
+        std::error_code ignored;
+        fs::remove_all(root, ignored);
+    }
+    const fs::path& path() const { return root; }
+
+private:
+    fs::path root;
+};
+
+int run(const Options& options) {
+    const Sizes sizes = options.quick ? kQuick : kFull;
+    const int repetitions = options.repetitions > 0 ? options.repetitions : sizes.repetitions;
+    const DataFolder data(options.dir);
+    printMachine(data.path(), options.quick, repetitions);
+
+    using Maker = std::function<Workload()>;
+    const std::vector<std::pair<std::string, Maker>> makers = {
+        {"open", [&] { return openWorkload(data.path(), sizes.openParts); }},
+        {"read", [&] { return readWorkload(data.path(), sizes.readBytes); }},
+        {"write", [&] { return writeWorkload(data.path(), sizes.writeBytes); }},
+        {"commit", [&] { return commitWorkload(data.path(), sizes.commitParts, sizes.commitBytes); }},
+        {"create", [&] { return createWorkload(data.path(), sizes.createParts); }},
+    };
+    bool failed = false;
+    std::vector<Row> rows;
+    for (const auto& [name, make] : makers) {
+        if (!selected(options, name)) continue;
+        std::fprintf(stderr, "opc_bench: %s...\n", name.c_str());
+        Workload workload;
+        try {
+            workload = make();
+            rows.push_back(measure(workload, repetitions));
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "opc_bench: %s failed: %s\n", name.c_str(), e.what());
+            rows.push_back(Row{name, workload.size, workload.target});
+            rows.back().failed = true;
+            failed = true;
+        }
+        for (const fs::path& path : workload.data) {
+            std::error_code ignored;
+            fs::remove_all(path, ignored);
+        }
+    }
+    printTable(rows);
+
+    if (selected(options, "memory")) {
+        std::fprintf(stderr, "opc_bench: memory...\n");
+        try {
+            printMemory(memoryWorkload(data.path(), sizes.memoryParts));
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "opc_bench: memory failed: %s\n", e.what());
+            failed = true;
+        }
+    }
+    return failed ? 1 : 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc == 4 && std::string(argv[1]) == "--measure-open") {
+        return measureOpen(argv[2], static_cast<std::size_t>(std::strtoull(argv[3], nullptr, 10)));
+    }
+    const std::optional<Options> options = parse(argc, argv);
+    if (!options) {
+        std::fprintf(stderr,
+                     "usage: opc_bench [--quick] [--repetitions N] [--dir FOLDER] "
+                     "[--only open,read,write,commit,create,memory]\n");
+        return 2;
+    }
+    try {
+        return run(*options);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "opc_bench: %s\n", e.what());
+        return 1;
+    }
+}
