@@ -79,14 +79,14 @@ bool takeOption(const CommandSpec& spec, const std::vector<std::string>& argumen
     for (const Option& option : spec.options) {
         if (name != option.name && name != option.shortName) continue;
         if (!option.takesValue) {
-            if (equals != std::string::npos) throw UsageError(std::string(option.name) + " takes no value" + seeHelp(spec.name));
+            if (equals != std::string::npos) throw UsageError(std::string(spec.name) + ": " + option.name + " takes no value" + seeHelp(spec.name));
             parsed.flags.insert(option.name);
         } else if (equals != std::string::npos) {
             parsed.values[option.name] = argument.substr(equals + 1);
         } else if (index + 1 < arguments.size()) {
             parsed.values[option.name] = arguments[++index];
         } else {
-            throw UsageError(std::string(option.name) + " needs a value" + seeHelp(spec.name));
+            throw UsageError(std::string(spec.name) + ": " + option.name + " needs a value" + seeHelp(spec.name));
         }
         return true;
     }
@@ -125,20 +125,22 @@ Arguments parseArguments(const std::vector<std::string>& arguments) {
         } else if (argument == "--help" || argument == "-h") {
             parsed.flags.insert("--help");
         } else if (!takeOption(*spec, arguments, i, parsed)) {
-            throw UsageError("unknown option '" + argument + "'" + seeHelp(spec->name));
+            throw UsageError(parsed.command + ": unknown option '" + argument + "'" + seeHelp(spec->name));
         }
     }
     if (parsed.has("--help")) return parsed;
-    if (parsed.operands.size() < spec->minOperands) throw UsageError("missing operand" + seeHelp(spec->name));
+    if (parsed.operands.size() < spec->minOperands) throw UsageError(parsed.command + ": missing operand" + seeHelp(spec->name));
     if (parsed.operands.size() > spec->maxOperands) {
-        throw UsageError("unexpected operand '" + parsed.operands[spec->maxOperands] + "'" + seeHelp(spec->name));
+        throw UsageError(parsed.command + ": unexpected operand '" + parsed.operands[spec->maxOperands] + "'" + seeHelp(spec->name));
     }
     return parsed;
 }
 
 std::string helpText(const std::string& command) {
     if (const CommandSpec* spec = findCommand(command)) {
-        std::string text = std::string("usage: opcdir ") + spec->synopsis + "\n\n" + spec->summary + ".\n";
+        std::string summary = spec->summary;
+        summary[0] = static_cast<char>(summary[0] - 'a' + 'A');
+        std::string text = std::string("usage: opcdir ") + spec->synopsis + "\n\n" + summary + ".\n";
         if (*spec->details != '\0') text += std::string("\n") + spec->details;
         return text;
     }

@@ -28,7 +28,7 @@ Arguments parseArguments(const std::vector<std::string>& arguments);
 std::string helpText(const std::string& command);
 
 // A byte count such as "4096", "64K", "4G" (powers of 1024). Throws UsageError
-// naming option when text is not one.
+// that starts with option (as "unpack: --max-size") when text is not one.
 std::uint64_t parseByteCount(const std::string& option, const std::string& text);
 
 }  // namespace opcdir

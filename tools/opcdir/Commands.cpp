@@ -398,7 +398,7 @@ std::vector<const ZipEntry*> checkEntries(const std::string& archiveName, const 
     if (!hasContentTypes) throw Failure(archiveName, "not a package: no " + quoteName(kContentTypesName) + " entry");
     if (declared > maxSize) {
         throw Failure(archiveName, "expands to " + std::to_string(declared) + " bytes, more than the limit of " +
-                                       std::to_string(maxSize) + " (see --max-size)");
+                                       std::to_string(maxSize) + " bytes (see --max-size)");
     }
     return files;
 }
@@ -406,9 +406,9 @@ std::vector<const ZipEntry*> checkEntries(const std::string& archiveName, const 
 void unpackCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
     const std::string& archiveName = args.operands[0];
     const std::string& packageName = args.operands[1];
-    const std::uint64_t maxSize = args.values.count("--max-size") != 0 ? parseByteCount("--max-size", args.values.at("--max-size")) : kDefaultMaxSize;
-    const std::uint64_t maxRatio = args.values.count("--max-ratio") != 0 ? parseByteCount("--max-ratio", args.values.at("--max-ratio")) : kDefaultMaxRatio;
-    if (maxRatio == 0) throw UsageError("--max-ratio must be at least 1");
+    const std::uint64_t maxSize = args.values.count("--max-size") != 0 ? parseByteCount("unpack: --max-size", args.values.at("--max-size")) : kDefaultMaxSize;
+    const std::uint64_t maxRatio = args.values.count("--max-ratio") != 0 ? parseByteCount("unpack: --max-ratio", args.values.at("--max-ratio")) : kDefaultMaxRatio;
+    if (maxRatio == 0) throw UsageError("unpack: --max-ratio must be at least 1");
 
     ZipReader reader(archiveName, archiveName);
     const std::vector<const ZipEntry*> files = checkEntries(archiveName, reader, maxSize, maxRatio);
@@ -494,7 +494,7 @@ void packCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) 
     std::error_code error;
     if (std::filesystem::is_directory(archivePath, error)) throw Failure(archiveName, "is a folder");
     const std::string folder = archivePath.substr(0, archivePath.rfind('/') + 1);
-    if (!std::filesystem::is_directory(folder, error)) throw Failure(archiveName, "no such folder " + quoteName(folder));
+    if (!std::filesystem::is_directory(folder, error)) throw Failure(archiveName, "its folder does not exist");
 
     const std::vector<Listed> listed = listParts(package);
     std::vector<std::unique_ptr<PartSource>> sources;
