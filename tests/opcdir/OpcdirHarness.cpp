@@ -112,11 +112,12 @@ RunResult runOpcdir(const std::filesystem::path& in, const std::vector<std::stri
     return result;
 }
 
-RunResult runOpcdirWith(opc::FileSystemOps& fileSystem, const std::vector<std::string>& arguments, const std::string& input) {
+RunResult runOpcdirWith(opc::FileSystemOps& fileSystem, const std::vector<std::string>& arguments, const std::string& input,
+                        bool errIsTerminal) {
     std::istringstream in(input);
     std::ostringstream out;
     std::ostringstream err;
-    opcdir::Io io{in, out, err, false};
+    opcdir::Io io{in, out, err, errIsTerminal};
     RunResult result;
     result.status = opcdir::run(arguments, io, fileSystem);
     result.out = out.str();

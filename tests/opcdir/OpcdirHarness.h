@@ -22,8 +22,9 @@ RunResult runOpcdir(const std::filesystem::path& in, const std::vector<std::stri
 
 // Runs the same commands in this process, every package going through
 // fileSystem; relative paths are taken against the current folder.
+// errIsTerminal makes the commands take standard error for a terminal.
 RunResult runOpcdirWith(opc::FileSystemOps& fileSystem, const std::vector<std::string>& arguments,
-                        const std::string& input = "");
+                        const std::string& input = "", bool errIsTerminal = false);
 
 // A ZIP entry written byte by byte, so that tests can make archives no ZIP
 // library would: NUL or ".." in names, duplicates, sizes that lie.

@@ -3,6 +3,8 @@
 #include "support/TreeSnapshot.h"
 #include "support/ZipFixture.h"
 
+#include <opccore/LocalFileSystemOps.h>
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -96,6 +98,31 @@ TEST(PackFormat, EmptyPartsAndLargePartsKeepTheirBytes) {
     ASSERT_EQ(runOpcdir(dir.path(), {"pack", "pkg", "out.zip"}).status, 0);
     EXPECT_EQ(readZipEntries(dir.path() / "out.zip"),
               (ZipEntries{{"[Content_Types].xml", "<Types/>"}, {"empty.bin", ""}, {"large.bin", large}}));
+}
+
+TEST(PackProgress, ShownOnATerminalForLargeWorkOnly) {
+    TempDir dir;
+    writeFile(dir.path() / "pkg" / "[Content_Types].xml", "<Types/>");
+    writeFile(dir.path() / "pkg" / "zeros.bin", "");
+    std::filesystem::resize_file(dir.path() / "pkg" / "zeros.bin", std::uintmax_t{64} << 20);  // sparse: cheap to make
+    const std::string pkg = (dir.path() / "pkg").string();
+    opc::LocalFileSystemOps local;
+
+    const RunResult terminal = runOpcdirWith(local, {"pack", pkg, (dir.path() / "a.zip").string()}, "", true);
+    EXPECT_EQ(terminal.status, 0) << terminal.err;
+    EXPECT_EQ(terminal.err.rfind("\ropcdir: pack: 0% of 64 MiB\ropcdir: pack: 1% of 64 MiB", 0), 0u) << terminal.err;
+    const std::string last = "\ropcdir: pack: 99% of 64 MiB\ropcdir: pack: 100% of 64 MiB\n";
+    ASSERT_GE(terminal.err.size(), last.size());
+    EXPECT_EQ(terminal.err.substr(terminal.err.size() - last.size()), last);
+    EXPECT_EQ(std::count(terminal.err.begin(), terminal.err.end(), '\r'), 101);
+
+    const RunResult pipe = runOpcdirWith(local, {"pack", pkg, (dir.path() / "b.zip").string()}, "", false);
+    EXPECT_EQ(pipe.status, 0);
+    EXPECT_EQ(pipe.err, "");
+    std::filesystem::resize_file(dir.path() / "pkg" / "zeros.bin", 1 << 20);
+    const RunResult small = runOpcdirWith(local, {"pack", pkg, (dir.path() / "c.zip").string()}, "", true);
+    EXPECT_EQ(small.status, 0);
+    EXPECT_EQ(small.err, "");
 }
 
 TEST(PackTarget, ExistingFileIsReplaced) {

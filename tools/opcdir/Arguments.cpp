@@ -2,7 +2,6 @@
 
 #include "Errors.h"
 
-#include <algorithm>
 #include <limits>
 
 namespace opcdir {
@@ -151,9 +150,7 @@ std::string helpText(const std::string& command) {
         "the package is left as it was.\n\n"
         "commands:\n";
     for (const CommandSpec& spec : commands()) {
-        std::string line = std::string("  ") + spec.synopsis;
-        line.resize(std::max<std::size_t>(line.size() + 2, 54), ' ');
-        text += line + "\n      " + spec.summary + "\n";
+        text += std::string("  ") + spec.synopsis + "\n      " + spec.summary + "\n";
     }
     text += "\n'opcdir COMMAND --help' tells more about one command.\n"
             "Exit status: 0 success, 1 failure, 2 wrong usage.\n";
