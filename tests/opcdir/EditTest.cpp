@@ -14,7 +14,8 @@ const std::string kCorpusDocx = "pydocx-test.docx";
 class EditCorpusPackage : public ::testing::Test {
 protected:
     void SetUp() override {
-        const RunResult result = runOpcdir(dir.path(), {"unpack", (testDataDir() / "corpus" / kCorpusDocx).string(), "doc"});
+        const RunResult result =
+            runOpcdir(dir.path(), {"unpack", (testDataDir() / "corpus" / kCorpusDocx).string(), "doc"});
         ASSERT_EQ(result.status, 0) << result.err;
         before = snapshotTree(dir.path());
     }
@@ -96,20 +97,23 @@ TEST_F(EditCorpusPackage, InvalidPartNamesAreRefused) {
     before = snapshotTree(dir.path());
     expectRefused({"put", "doc", "word/../../escape.xml", "in.txt"},
                   "opcdir: doc: invalid part name 'word/../../escape.xml': '..' segment in name\n");
-    expectRefused({"put", "doc", "word//x.xml", "in.txt"}, "opcdir: doc: invalid part name 'word//x.xml': empty segment in name\n");
+    expectRefused({"put", "doc", "word//x.xml", "in.txt"},
+                  "opcdir: doc: invalid part name 'word//x.xml': empty segment in name\n");
     expectRefused({"put", "doc", "word/", "in.txt"}, "opcdir: doc: invalid part name 'word/': name ends with '/'\n");
     expectRefused({"put", "doc", "a\\b", "in.txt"}, "opcdir: doc: invalid part name 'a\\b': backslash in name\n");
     expectRefused({"put", "doc", "/[trash]/x", "in.txt"},
                   "opcdir: doc: invalid part name '/[trash]/x': reserved name '[trash]'\n");
     expectRefused({"cat", "doc", "/"}, "opcdir: doc: invalid part name '/': empty name\n");
-    expectRefused({"rm", "doc", "./word/styles.xml"}, "opcdir: doc: invalid part name './word/styles.xml': '.' segment in name\n");
+    expectRefused({"rm", "doc", "./word/styles.xml"},
+                  "opcdir: doc: invalid part name './word/styles.xml': '.' segment in name\n");
 }
 
 TEST_F(EditCorpusPackage, PutRefusesPartsThatClashWithExistingOnes) {
     writeFile(dir.path() / "in.txt", "x");
     before = snapshotTree(dir.path());
-    expectRefused({"put", "doc", "word/document.xml/image.png", "in.txt"},
-                  "opcdir: doc: part '/word/document.xml' would be the folder of part '/word/document.xml/image.png'\n");
+    expectRefused(
+        {"put", "doc", "word/document.xml/image.png", "in.txt"},
+        "opcdir: doc: part '/word/document.xml' would be the folder of part '/word/document.xml/image.png'\n");
     expectRefused({"put", "doc", "word/theme", "in.txt"},
                   "opcdir: doc: part '/word/theme' would be the folder of part '/word/theme/theme1.xml'\n");
     expectRefused({"put", "doc", "WORD/Document.XML", "in.txt"},
@@ -191,13 +195,15 @@ TEST(NewPackage, HoldsJustAMinimalContentTypesStream) {
     TempDir dir;
     const RunResult result = runOpcdir(dir.path(), {"new", "fresh"});
     EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(snapshotTree(dir.path()),
-              (TreeSnapshot{{"fresh/", ""},
-                            {"fresh/[Content_Types].xml",
-                             "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?>\n"
-                             "<Types xmlns=\"http://schemas.openxmlformats.org/package/2006/content-types\">"
-                             "<Default Extension=\"rels\" ContentType=\"application/vnd.openxmlformats-package.relationships+xml\"/>"
-                             "<Default Extension=\"xml\" ContentType=\"application/xml\"/></Types>\n"}}));
+    EXPECT_EQ(
+        snapshotTree(dir.path()),
+        (TreeSnapshot{
+            {"fresh/", ""},
+            {"fresh/[Content_Types].xml",
+             "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?>\n"
+             "<Types xmlns=\"http://schemas.openxmlformats.org/package/2006/content-types\">"
+             "<Default Extension=\"rels\" ContentType=\"application/vnd.openxmlformats-package.relationships+xml\"/>"
+             "<Default Extension=\"xml\" ContentType=\"application/xml\"/></Types>\n"}}));
 }
 
 TEST(NewPackage, RefusesAnythingButAnEmptyFolder) {

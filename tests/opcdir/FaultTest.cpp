@@ -39,8 +39,10 @@ void expectEveryFailureLeavesOldOrNew(const TempDir& dir, const std::vector<std:
         std::filesystem::remove_all(dir.path());
         std::filesystem::create_directories(dir.path());
         for (const auto& [name, bytes] : before) {
-            if (name.back() == '/') std::filesystem::create_directories(dir.path() / name);
-            else writeFile(dir.path() / name, bytes);
+            if (name.back() == '/')
+                std::filesystem::create_directories(dir.path() / name);
+            else
+                writeFile(dir.path() / name, bytes);
         }
         FaultyFileSystemOps faulty;
         faulty.failGlobalCall(call);
@@ -70,8 +72,8 @@ protected:
 };
 
 TEST_F(CommandUnderFaults, UnpackForceKeepsTheOldPackageOrGivesTheNew) {
-    writeBytes(dir.path() / "new.zip", rawZip({{"[Content_Types].xml", kTypes}, {"word/document.xml", "<new/>"},
-                                               {"media/a.bin", "abc"}}));
+    writeBytes(dir.path() / "new.zip",
+               rawZip({{"[Content_Types].xml", kTypes}, {"word/document.xml", "<new/>"}, {"media/a.bin", "abc"}}));
     expectEveryFailureLeavesOldOrNew(dir, {"unpack", "--force", at("new.zip"), at("pkg")});
 }
 
@@ -113,8 +115,9 @@ TEST_F(CommandUnderFaults, UnreadablePartStopsPackWithoutATrace) {
     faulty.failCall(Hook::CreateInputStream, 2);
     const RunResult result = runOpcdirWith(faulty, {"pack", at("pkg"), at("out.docx")});
     EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.err, "opcdir: " + at("out.docx") +
-                              ": cannot read part '/word/document.xml': Failed to create or open file system input stream\n");
+    EXPECT_EQ(result.err,
+              "opcdir: " + at("out.docx") +
+                  ": cannot read part '/word/document.xml': Failed to create or open file system input stream\n");
     EXPECT_EQ(snapshotTree(dir.path()), before);
 }
 

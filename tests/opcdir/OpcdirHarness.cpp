@@ -49,7 +49,8 @@ void put32(std::string& out, std::uint32_t value) {
 std::uint32_t get(const std::string& bytes, std::size_t at, int count) {
     if (at + static_cast<std::size_t>(count) > bytes.size()) throw std::runtime_error("archive too short");
     std::uint32_t value = 0;
-    for (int i = count - 1; i >= 0; --i) value = (value << 8) | static_cast<unsigned char>(bytes[at + static_cast<std::size_t>(i)]);
+    for (int i = count - 1; i >= 0; --i)
+        value = (value << 8) | static_cast<unsigned char>(bytes[at + static_cast<std::size_t>(i)]);
     return value;
 }
 
@@ -67,7 +68,8 @@ void forEachRecord(const std::string& archive, Visit visit) {
     for (std::uint32_t i = 0; i < count; ++i) {
         if (get(archive, position, 4) != 0x02014b50) throw std::runtime_error("bad central directory");
         visit(position);
-        position += 46 + get(archive, position + 28, 2) + get(archive, position + 30, 2) + get(archive, position + 32, 2);
+        position +=
+            46 + get(archive, position + 28, 2) + get(archive, position + 30, 2) + get(archive, position + 32, 2);
     }
 }
 
@@ -78,7 +80,9 @@ std::string readBytes(const std::filesystem::path& path) {
 
 }  // namespace
 
-RunResult runOpcdir(const std::filesystem::path& in, const std::vector<std::string>& arguments, const std::string& input) {
+RunResult runOpcdir(const std::filesystem::path& in,
+                    const std::vector<std::string>& arguments,
+                    const std::string& input) {
     TempDir io;
     writeBytes(io.path() / "in", input);
     const std::string inPath = (io.path() / "in").string();
@@ -94,7 +98,8 @@ RunResult runOpcdir(const std::filesystem::path& in, const std::vector<std::stri
     const pid_t child = ::fork();
     if (child < 0) throw std::runtime_error("fork failed");
     if (child == 0) {
-        const int fds[3] = {::open(inPath.c_str(), O_RDONLY), ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644),
+        const int fds[3] = {::open(inPath.c_str(), O_RDONLY),
+                            ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644),
                             ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644)};
         for (int i = 0; i < 3; ++i) {
             if (fds[i] < 0 || ::dup2(fds[i], i) < 0) ::_exit(126);
@@ -112,7 +117,9 @@ RunResult runOpcdir(const std::filesystem::path& in, const std::vector<std::stri
     return result;
 }
 
-RunResult runOpcdirWith(opc::FileSystemOps& fileSystem, const std::vector<std::string>& arguments, const std::string& input,
+RunResult runOpcdirWith(opc::FileSystemOps& fileSystem,
+                        const std::vector<std::string>& arguments,
+                        const std::string& input,
                         bool errIsTerminal) {
     std::istringstream in(input);
     std::ostringstream out;
@@ -154,7 +161,8 @@ std::string rawZip(const std::vector<RawEntry>& entries) {
     }
     std::string end;
     put32(end, 0x06054b50);
-    for (std::uint32_t value : {0u, 0u, static_cast<std::uint32_t>(entries.size()), static_cast<std::uint32_t>(entries.size())}) {
+    for (std::uint32_t value :
+         {0u, 0u, static_cast<std::uint32_t>(entries.size()), static_cast<std::uint32_t>(entries.size())}) {
         put16(end, value);
     }
     put32(end, static_cast<std::uint32_t>(directory.size()));

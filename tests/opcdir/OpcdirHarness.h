@@ -18,13 +18,17 @@ struct RunResult {
 
 // Runs the built opcdir binary in folder `in` with these arguments and
 // standard input.
-RunResult runOpcdir(const std::filesystem::path& in, const std::vector<std::string>& arguments, const std::string& input = "");
+RunResult runOpcdir(const std::filesystem::path& in,
+                    const std::vector<std::string>& arguments,
+                    const std::string& input = "");
 
 // Runs the same commands in this process, every package going through
 // fileSystem; relative paths are taken against the current folder.
 // errIsTerminal makes the commands take standard error for a terminal.
-RunResult runOpcdirWith(opc::FileSystemOps& fileSystem, const std::vector<std::string>& arguments,
-                        const std::string& input = "", bool errIsTerminal = false);
+RunResult runOpcdirWith(opc::FileSystemOps& fileSystem,
+                        const std::vector<std::string>& arguments,
+                        const std::string& input = "",
+                        bool errIsTerminal = false);
 
 // A ZIP entry written byte by byte, so that tests can make archives no ZIP
 // library would: NUL or ".." in names, duplicates, sizes that lie.

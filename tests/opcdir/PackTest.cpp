@@ -71,12 +71,12 @@ TEST(PackFormat, EntriesAreDeflatedWithFixedTimeAndAttributesAndNoExtras) {
     for (const DirectoryRecord& record : records) {
         SCOPED_TRACE(record.name);
         names.push_back(record.name);
-        EXPECT_EQ(record.method, 8);                 // deflate
-        EXPECT_EQ(record.dosDate, (1 << 5) | 1);     // 1980-01-01
-        EXPECT_EQ(record.dosTime, 0);                // 00:00:00
-        EXPECT_EQ(record.madeBy >> 8, 0);            // MS-DOS attributes
+        EXPECT_EQ(record.method, 8);              // deflate
+        EXPECT_EQ(record.dosDate, (1 << 5) | 1);  // 1980-01-01
+        EXPECT_EQ(record.dosTime, 0);             // 00:00:00
+        EXPECT_EQ(record.madeBy >> 8, 0);         // MS-DOS attributes
         EXPECT_EQ(record.externalAttributes, 0u);
-        EXPECT_EQ(record.extra, "");                 // no ZIP64, no timestamps
+        EXPECT_EQ(record.extra, "");  // no ZIP64, no timestamps
         EXPECT_EQ(record.localExtra, "");
         const bool ascii = std::all_of(record.name.begin(), record.name.end(),
                                        [](char c) { return static_cast<unsigned char>(c) < 0x80; });

@@ -26,7 +26,8 @@ protected:
 
     // Runs unpack of archive onto pkg and checks the refusal: exit status 1,
     // exactly this line on standard error and nothing changed in the folder.
-    void expectRefused(const std::string& archive, const std::string& message,
+    void expectRefused(const std::string& archive,
+                       const std::string& message,
                        const std::vector<std::string>& options = {"--force"}) {
         writeBytes(dir.path() / "bad.zip", archive);
         const TreeSnapshot before = snapshotTree(dir.path());
@@ -120,7 +121,8 @@ TEST_F(RefusedUnpack, NulInName) {
 }
 
 TEST_F(RefusedUnpack, UnsafeFolderEntry) {
-    expectRefused(rawZip({{"[Content_Types].xml", kTypes}, {"../", ""}}), "unsafe entry name '../': '..' segment in name");
+    expectRefused(rawZip({{"[Content_Types].xml", kTypes}, {"../", ""}}),
+                  "unsafe entry name '../': '..' segment in name");
 }
 
 TEST_F(RefusedUnpack, ReservedTrashFolder) {
@@ -203,12 +205,15 @@ TEST_F(RefusedUnpack, RatioCheckedOnInflatedBytesWhenTheSizeLies) {
 TEST_F(RefusedUnpack, TotalCheckedOnInflatedBytesWhenTheSizeLies) {
     std::string bomb = deflatedZip({{"[Content_Types].xml", kTypes}, {"data.bin", std::string(2 << 20, 'a')}});
     setDeclaredSize(bomb, "data.bin", 10);
-    expectRefused(bomb, "expands to more than the limit of 1048576 bytes (see --max-size)", {"--force", "--max-size", "1M"});
+    expectRefused(bomb, "expands to more than the limit of 1048576 bytes (see --max-size)",
+                  {"--force", "--max-size", "1M"});
 }
 
 TEST_F(RefusedUnpack, DeclaredTotalPastTheLimit) {
     expectRefused(rawZip({{"[Content_Types].xml", kTypes}, {"a.bin", std::string(3000, 'a')}}),
-                  "expands to " + std::to_string(3000 + kTypes.size()) + " bytes, more than the limit of 2048 bytes (see --max-size)", {"--max-size", "2K"});
+                  "expands to " + std::to_string(3000 + kTypes.size()) +
+                      " bytes, more than the limit of 2048 bytes (see --max-size)",
+                  {"--max-size", "2K"});
 }
 
 }  // namespace

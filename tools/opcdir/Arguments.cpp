@@ -27,32 +27,58 @@ constexpr std::size_t kUnbounded = std::numeric_limits<std::size_t>::max();
 
 const std::vector<CommandSpec>& commands() {
     static const std::vector<CommandSpec> table = {
-        {"ls", "ls [--long] [--json] PKG", "list the parts of a folder package with their sizes",
+        {"ls",
+         "ls [--long] [--json] PKG",
+         "list the parts of a folder package with their sizes",
          "  -l, --long   add each part's content type from [Content_Types].xml\n"
          "               (Override by part name, else Default by extension)\n"
          "      --json   print the listing as JSON\n",
-         {{"--long", "-l", false}, {"--json", "", false}}, 1, 1},
+         {{"--long", "-l", false}, {"--json", "", false}},
+         1,
+         1},
         {"cat", "cat PKG PART", "write a part's bytes to standard output", "", {}, 2, 2},
-        {"put", "put PKG PART [FILE]", "make FILE (or standard input) the whole content of a part",
+        {"put",
+         "put PKG PART [FILE]",
+         "make FILE (or standard input) the whole content of a part",
          "  The part is created when it is new. PART may be written with or without\n"
          "  its leading \"/\". \"-\" as FILE reads standard input.\n",
-         {}, 2, 3},
-        {"rm", "rm PKG PART...", "delete parts", "  Either every part named is deleted or none is.\n", {}, 2, kUnbounded},
-        {"new", "new PKG", "make an empty folder package with a minimal [Content_Types].xml",
-         "  PKG must not exist, or be an empty folder.\n", {}, 1, 1},
-        {"unpack", "unpack [--force] [--max-size N] [--max-ratio N] FILE PKG",
+         {},
+         2,
+         3},
+        {"rm",
+         "rm PKG PART...",
+         "delete parts",
+         "  Either every part named is deleted or none is.\n",
+         {},
+         2,
+         kUnbounded},
+        {"new",
+         "new PKG",
+         "make an empty folder package with a minimal [Content_Types].xml",
+         "  PKG must not exist, or be an empty folder.\n",
+         {},
+         1,
+         1},
+        {"unpack",
+         "unpack [--force] [--max-size N] [--max-ratio N] FILE PKG",
          "turn a ZIP-based package file (.docx, .xlsx, .pptx, ...) into a folder package",
          "  -f, --force          replace PKG even when it exists and is not empty\n"
          "      --max-size N     refuse archives that expand to more than N bytes\n"
          "                       (suffixes K, M, G; default 4G)\n"
          "      --max-ratio N    refuse entries that expand more than N times\n"
          "                       (default 1000)\n",
-         {{"--force", "-f", false}, {"--max-size", "", true}, {"--max-ratio", "", true}}, 2, 2},
-        {"pack", "pack PKG FILE", "turn a folder package into a ZIP-based package file",
+         {{"--force", "-f", false}, {"--max-size", "", true}, {"--max-ratio", "", true}},
+         2,
+         2},
+        {"pack",
+         "pack PKG FILE",
+         "turn a folder package into a ZIP-based package file",
          "  [Content_Types].xml comes first, then the parts in name order, deflated,\n"
          "  with fixed timestamps: packing the same folder twice gives the same bytes.\n"
          "  FILE appears only when it is complete.\n",
-         {}, 2, 2},
+         {},
+         2,
+         2},
     };
     return table;
 }
@@ -70,7 +96,9 @@ std::string seeHelp(const std::string& command) {
 
 // Applies the option at arguments[index]; returns false when it is none of
 // the command's options.
-bool takeOption(const CommandSpec& spec, const std::vector<std::string>& arguments, std::size_t& index,
+bool takeOption(const CommandSpec& spec,
+                const std::vector<std::string>& arguments,
+                std::size_t& index,
                 Arguments& parsed) {
     const std::string& argument = arguments[index];
     const std::size_t equals = argument.find('=');
@@ -78,7 +106,8 @@ bool takeOption(const CommandSpec& spec, const std::vector<std::string>& argumen
     for (const Option& option : spec.options) {
         if (name != option.name && name != option.shortName) continue;
         if (!option.takesValue) {
-            if (equals != std::string::npos) throw UsageError(std::string(spec.name) + ": " + option.name + " takes no value" + seeHelp(spec.name));
+            if (equals != std::string::npos)
+                throw UsageError(std::string(spec.name) + ": " + option.name + " takes no value" + seeHelp(spec.name));
             parsed.flags.insert(option.name);
         } else if (equals != std::string::npos) {
             parsed.values[option.name] = argument.substr(equals + 1);
@@ -109,8 +138,8 @@ Arguments parseArguments(const std::vector<std::string>& arguments) {
     }
     const CommandSpec* spec = findCommand(first);
     if (spec == nullptr) {
-        throw UsageError((first.size() > 1 && first[0] == '-' ? "unknown option '" : "unknown command '") + first + "'" +
-                         seeHelp(""));
+        throw UsageError((first.size() > 1 && first[0] == '-' ? "unknown option '" : "unknown command '") + first +
+                         "'" + seeHelp(""));
     }
     parsed.command = spec->name;
 
@@ -128,9 +157,11 @@ Arguments parseArguments(const std::vector<std::string>& arguments) {
         }
     }
     if (parsed.has("--help")) return parsed;
-    if (parsed.operands.size() < spec->minOperands) throw UsageError(parsed.command + ": missing operand" + seeHelp(spec->name));
+    if (parsed.operands.size() < spec->minOperands)
+        throw UsageError(parsed.command + ": missing operand" + seeHelp(spec->name));
     if (parsed.operands.size() > spec->maxOperands) {
-        throw UsageError(parsed.command + ": unexpected operand '" + parsed.operands[spec->maxOperands] + "'" + seeHelp(spec->name));
+        throw UsageError(parsed.command + ": unexpected operand '" + parsed.operands[spec->maxOperands] + "'" +
+                         seeHelp(spec->name));
     }
     return parsed;
 }
@@ -152,8 +183,9 @@ std::string helpText(const std::string& command) {
     for (const CommandSpec& spec : commands()) {
         text += std::string("  ") + spec.synopsis + "\n      " + spec.summary + "\n";
     }
-    text += "\n'opcdir COMMAND --help' tells more about one command.\n"
-            "Exit status: 0 success, 1 failure, 2 wrong usage.\n";
+    text +=
+        "\n'opcdir COMMAND --help' tells more about one command.\n"
+        "Exit status: 0 success, 1 failure, 2 wrong usage.\n";
     return text;
 }
 
@@ -172,11 +204,16 @@ std::uint64_t parseByteCount(const std::string& option, const std::string& text)
     unsigned shift = 0;
     if (i < text.size()) {
         const std::string suffix = text.substr(i);
-        if (suffix == "K" || suffix == "k") shift = 10;
-        else if (suffix == "M" || suffix == "m") shift = 20;
-        else if (suffix == "G" || suffix == "g") shift = 30;
-        else if (suffix == "T" || suffix == "t") shift = 40;
-        else fail();
+        if (suffix == "K" || suffix == "k")
+            shift = 10;
+        else if (suffix == "M" || suffix == "m")
+            shift = 20;
+        else if (suffix == "G" || suffix == "g")
+            shift = 30;
+        else if (suffix == "T" || suffix == "t")
+            shift = 40;
+        else
+            fail();
     }
     if (shift != 0 && value > (std::numeric_limits<std::uint64_t>::max() >> shift)) fail();
     return value << shift;

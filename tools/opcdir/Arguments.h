@@ -12,7 +12,7 @@ namespace opcdir {
 // come before, between or after the operands; "--" ends them, and "-" is an
 // operand (standard input).
 struct Arguments {
-    std::string command;                        // "ls", "pack", ...; empty for the tool itself
+    std::string command;  // "ls", "pack", ...; empty for the tool itself
     std::vector<std::string> operands;
     std::set<std::string> flags;                // "--long", "--force", "--help", ...
     std::map<std::string, std::string> values;  // "--max-size" -> "4G"

@@ -36,7 +36,8 @@ constexpr std::uint64_t kProgressThreshold = std::uint64_t{64} << 20;
 std::string libraryCause(const opc::Exception& e) {
     std::string cause = e.what();
     const std::string detail = e.code().failed() ? e.code().message() : std::string();
-    if (!detail.empty() && (cause.size() < detail.size() || cause.compare(cause.size() - detail.size(), detail.size(), detail) != 0)) {
+    if (!detail.empty() &&
+        (cause.size() < detail.size() || cause.compare(cause.size() - detail.size(), detail.size(), detail) != 0)) {
         cause += " (" + detail + ")";
     }
     return cause;
@@ -55,9 +56,11 @@ public:
         } catch (const opc::Exception& e) {
             const std::string what = e.what();
             if (what == "Package does not exist") {
-                throw Failure(subject, service.exists(package.getPackageRoot()) ? "not a folder" : "no such package folder");
+                throw Failure(subject,
+                              service.exists(package.getPackageRoot()) ? "not a folder" : "no such package folder");
             }
-            if (what == "Content types stream does not exist") throw Failure(subject, "not a package: no [Content_Types].xml");
+            if (what == "Content types stream does not exist")
+                throw Failure(subject, "not a package: no [Content_Types].xml");
             throw Failure(subject, libraryCause(e));
         }
     }
@@ -91,8 +94,8 @@ private:
 };
 
 struct Listed {
-    std::string name;            // UTF-8, with the leading "/"
-    IPhysicalPart* part;         // null for the content-types part
+    std::string name;     // UTF-8, with the leading "/"
+    IPhysicalPart* part;  // null for the content-types part
 };
 
 // "[Content_Types].xml" first, then the parts in byte order of their names:
@@ -131,8 +134,10 @@ std::string readWhole(Package& package, const Listed& entry) {
     return content;
 }
 
-void writeAll(Package& package, const std::string& partName, IPhysicalOutputStream* stream, const char* data, std::size_t count) {
-    if (stream->write(data, static_cast<std::streamsize>(count)) != static_cast<std::streamsize>(count) || stream->isFailed()) {
+void writeAll(
+    Package& package, const std::string& partName, IPhysicalOutputStream* stream, const char* data, std::size_t count) {
+    if (stream->write(data, static_cast<std::streamsize>(count)) != static_cast<std::streamsize>(count) ||
+        stream->isFailed()) {
         throw Failure(package.name(), "cannot write part " + quoteName(partName));
     }
 }
@@ -144,12 +149,16 @@ std::string conflictReason(const std::vector<std::string>& existing, const std::
     const std::string folded = foldCase(partName);
     for (const std::string& other : existing) {
         const std::string otherFolded = foldCase(other);
-        if (otherFolded == folded) return "part " + quoteName(partName) + " differs only in case from " + quoteName(other);
+        if (otherFolded == folded)
+            return "part " + quoteName(partName) + " differs only in case from " + quoteName(other);
         const auto isFolderOf = [](const std::string& folder, const std::string& name) {
-            return name.size() > folder.size() && name.compare(0, folder.size(), folder) == 0 && name[folder.size()] == '/';
+            return name.size() > folder.size() && name.compare(0, folder.size(), folder) == 0 &&
+                   name[folder.size()] == '/';
         };
-        if (isFolderOf(folded, otherFolded)) return "part " + quoteName(partName) + " would be the folder of part " + quoteName(other);
-        if (isFolderOf(otherFolded, folded)) return "part " + quoteName(other) + " would be the folder of part " + quoteName(partName);
+        if (isFolderOf(folded, otherFolded))
+            return "part " + quoteName(partName) + " would be the folder of part " + quoteName(other);
+        if (isFolderOf(otherFolded, folded))
+            return "part " + quoteName(other) + " would be the folder of part " + quoteName(partName);
     }
     return {};
 }
@@ -188,7 +197,8 @@ void appendJsonString(std::string& out, std::u16string_view text) {
     out += '"';
     for (std::size_t i = 0; i < text.size(); ++i) {
         const char16_t unit = text[i];
-        const bool pair = unit >= 0xd800 && unit < 0xdc00 && i + 1 < text.size() && text[i + 1] >= 0xdc00 && text[i + 1] < 0xe000;
+        const bool pair =
+            unit >= 0xd800 && unit < 0xdc00 && i + 1 < text.size() && text[i + 1] >= 0xdc00 && text[i + 1] < 0xe000;
         if (unit == u'"' || unit == u'\\') {
             out += '\\';
             out += static_cast<char>(unit);
@@ -221,7 +231,8 @@ void listCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) 
     };
     std::vector<Row> rows;
     for (const Listed& entry : listed) {
-        rows.push_back({&entry, package.sizeOf(entry.name), entry.part != nullptr && withTypes ? types.lookup(entry.name) : ""});
+        rows.push_back(
+            {&entry, package.sizeOf(entry.name), entry.part != nullptr && withTypes ? types.lookup(entry.name) : ""});
     }
 
     std::string out;
@@ -233,8 +244,10 @@ void listCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) 
             out += i == 0 ? "\n  {\"name\": " : ",\n  {\"name\": ";
             appendJsonString(out, toUtf16(rows[i].entry->name));
             out += ", \"size\": " + std::to_string(rows[i].size) + ", \"contentType\": ";
-            if (rows[i].type.empty()) out += "null";
-            else appendJsonString(out, toUtf16(rows[i].type));
+            if (rows[i].type.empty())
+                out += "null";
+            else
+                appendJsonString(out, toUtf16(rows[i].type));
             out += "}";
         }
         out += "\n]}\n";
@@ -300,8 +313,10 @@ void putCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
         } else {
             std::vector<std::string> names;
             for (const Listed& entry : listParts(package)) names.push_back(entry.name);
-            if (const std::string reason = conflictReason(names, partName); !reason.empty()) throw Failure(packageName, reason);
-            stream = package->createPart(toUtf16(partName), u"", opc::fspackage::FileSystemPartInfo())->getOutputStream();
+            if (const std::string reason = conflictReason(names, partName); !reason.empty())
+                throw Failure(packageName, reason);
+            stream =
+                package->createPart(toUtf16(partName), u"", opc::fspackage::FileSystemPartInfo())->getOutputStream();
         }
     } catch (const opc::Exception& e) {
         throw Failure(packageName, "cannot write part " + quoteName(partName) + ": " + libraryCause(e));
@@ -319,7 +334,8 @@ void putCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
 void removeCommand(const Arguments& args, Io&, opc::FileSystemOps& fileSystem) {
     const std::string& packageName = args.operands[0];
     std::vector<std::string> partNames;
-    for (std::size_t i = 1; i < args.operands.size(); ++i) partNames.push_back(partNameArgument(packageName, args.operands[i]));
+    for (std::size_t i = 1; i < args.operands.size(); ++i)
+        partNames.push_back(partNameArgument(packageName, args.operands[i]));
 
     Package package(fileSystem, packageName, OpenMode::ReadWrite);
     for (const std::string& partName : partNames) {
@@ -329,7 +345,8 @@ void removeCommand(const Arguments& args, Io&, opc::FileSystemOps& fileSystem) {
         try {
             package->deletePart(toUtf16(partName));
         } catch (const opc::Exception& e) {
-            if (std::string(e.what()) == "Part does not exist") throw Failure(packageName, "no part " + quoteName(partName));
+            if (std::string(e.what()) == "Part does not exist")
+                throw Failure(packageName, "no part " + quoteName(partName));
             throw Failure(packageName, "cannot remove " + quoteName(partName) + ": " + libraryCause(e));
         }
     }
@@ -359,7 +376,9 @@ void newCommand(const Arguments& args, Io&, opc::FileSystemOps& fileSystem) {
 // names, duplicates, a file that is also a folder, a missing content-types
 // entry and declared sizes past the limits. Folder entries are checked and
 // then left out of the result.
-std::vector<const ZipEntry*> checkEntries(const std::string& archiveName, const ZipReader& reader, std::uint64_t maxSize,
+std::vector<const ZipEntry*> checkEntries(const std::string& archiveName,
+                                          const ZipReader& reader,
+                                          std::uint64_t maxSize,
                                           std::uint64_t maxRatio) {
     std::vector<const ZipEntry*> files;
     std::map<std::string, std::string> seen;     // folded name -> name
@@ -386,13 +405,14 @@ std::vector<const ZipEntry*> checkEntries(const std::string& archiveName, const 
             folders.emplace(folded.substr(0, slash), entry.name);
         }
         if (entry.size > maxRatio * std::max<std::uint64_t>(entry.compressedSize, 1)) {
-            throw Failure(archiveName, "entry " + quoteName(entry.name) + " expands more than " + std::to_string(maxRatio) +
-                                           " times (see --max-ratio)");
+            throw Failure(archiveName, "entry " + quoteName(entry.name) + " expands more than " +
+                                           std::to_string(maxRatio) + " times (see --max-ratio)");
         }
     }
     for (const auto& [folded, name] : seen) {
         if (const auto folder = folders.find(folded); folder != folders.end()) {
-            throw Failure(archiveName, "entry " + quoteName(name) + " is also a folder of entry " + quoteName(folder->second));
+            throw Failure(archiveName,
+                          "entry " + quoteName(name) + " is also a folder of entry " + quoteName(folder->second));
         }
     }
     if (!hasContentTypes) throw Failure(archiveName, "not a package: no " + quoteName(kContentTypesName) + " entry");
@@ -406,8 +426,12 @@ std::vector<const ZipEntry*> checkEntries(const std::string& archiveName, const 
 void unpackCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
     const std::string& archiveName = args.operands[0];
     const std::string& packageName = args.operands[1];
-    const std::uint64_t maxSize = args.values.count("--max-size") != 0 ? parseByteCount("unpack: --max-size", args.values.at("--max-size")) : kDefaultMaxSize;
-    const std::uint64_t maxRatio = args.values.count("--max-ratio") != 0 ? parseByteCount("unpack: --max-ratio", args.values.at("--max-ratio")) : kDefaultMaxRatio;
+    const std::uint64_t maxSize = args.values.count("--max-size") != 0
+                                      ? parseByteCount("unpack: --max-size", args.values.at("--max-size"))
+                                      : kDefaultMaxSize;
+    const std::uint64_t maxRatio = args.values.count("--max-ratio") != 0
+                                       ? parseByteCount("unpack: --max-ratio", args.values.at("--max-ratio"))
+                                       : kDefaultMaxRatio;
     if (maxRatio == 0) throw UsageError("unpack: --max-ratio must be at least 1");
 
     ZipReader reader(archiveName, archiveName);
@@ -430,7 +454,8 @@ void unpackCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem
         try {
             stream = entry->name == kContentTypesName
                          ? package->getContentTypeOutputStream()
-                         : package->createPart(toUtf16(partName), u"", opc::fspackage::FileSystemPartInfo())->getOutputStream();
+                         : package->createPart(toUtf16(partName), u"", opc::fspackage::FileSystemPartInfo())
+                               ->getOutputStream();
         } catch (const opc::Exception& e) {
             throw Failure(packageName, "cannot write part " + quoteName(partName) + ": " + libraryCause(e));
         }
@@ -442,11 +467,12 @@ void unpackCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem
             written += count;
             total += count;
             if (total > maxSize) {
-                throw Failure(archiveName, "expands to more than the limit of " + std::to_string(maxSize) + " bytes (see --max-size)");
+                throw Failure(archiveName, "expands to more than the limit of " + std::to_string(maxSize) +
+                                               " bytes (see --max-size)");
             }
             if (written > ratioLimit) {
-                throw Failure(archiveName, "entry " + quoteName(entry->name) + " expands more than " + std::to_string(maxRatio) +
-                                               " times (see --max-ratio)");
+                throw Failure(archiveName, "entry " + quoteName(entry->name) + " expands more than " +
+                                               std::to_string(maxRatio) + " times (see --max-ratio)");
             }
             writeAll(package, partName, stream, data, count);
             progress.update(total);
@@ -527,8 +553,8 @@ int run(const std::vector<std::string>& arguments, Io& io, opc::FileSystemOps& f
         }
         using Command = void (*)(const Arguments&, Io&, opc::FileSystemOps&);
         static const std::map<std::string, Command> commands = {
-            {"ls", &listCommand},   {"cat", &catCommand},       {"put", &putCommand},   {"rm", &removeCommand},
-            {"new", &newCommand},   {"unpack", &unpackCommand}, {"pack", &packCommand},
+            {"ls", &listCommand}, {"cat", &catCommand},       {"put", &putCommand},   {"rm", &removeCommand},
+            {"new", &newCommand}, {"unpack", &unpackCommand}, {"pack", &packCommand},
         };
         commands.at(args.command)(args, io, fileSystem);
         return 0;

@@ -35,6 +35,19 @@ void appendUtf8(std::string& out, std::uint32_t code) {
     }
 }
 
+// The code point that "&#" digits ";" stands for, in the given base.
+std::optional<std::uint32_t> characterReference(std::string_view digits, int base) {
+    if (digits.empty()) return std::nullopt;
+    std::uint32_t value = 0;
+    for (const char c : digits) {
+        const int digit = hexValue(c);
+        if (digit < 0 || digit >= base) return std::nullopt;
+        value = value * static_cast<std::uint32_t>(base) + static_cast<std::uint32_t>(digit);
+        if (value > 0x10ffff) return std::nullopt;
+    }
+    return value;
+}
+
 // The five predefined entities and character references; an unknown entity
 // is kept as written.
 std::string decodeEntities(std::string_view text) {
@@ -46,22 +59,15 @@ std::string decodeEntities(std::string_view text) {
             continue;
         }
         const std::string_view entity = text.substr(i + 1, semicolon - i - 1);
+        static const std::map<std::string_view, char> named = {
+            {"amp", '&'}, {"lt", '<'}, {"gt", '>'}, {"quot", '"'}, {"apos", '\''}};
         std::optional<std::uint32_t> code;
-        if (entity == "amp") code = '&';
-        else if (entity == "lt") code = '<';
-        else if (entity == "gt") code = '>';
-        else if (entity == "quot") code = '"';
-        else if (entity == "apos") code = '\'';
-        else if (entity.size() > 1 && entity[0] == '#') {
-            const bool hex = entity[1] == 'x';
-            std::uint32_t value = 0;
-            bool valid = entity.size() > (hex ? 2u : 1u);
-            for (std::size_t k = hex ? 2 : 1; valid && k < entity.size(); ++k) {
-                const int digit = hex ? hexValue(entity[k]) : (entity[k] >= '0' && entity[k] <= '9' ? entity[k] - '0' : -1);
-                valid = digit >= 0 && value <= 0x10ffff;
-                value = value * (hex ? 16 : 10) + static_cast<std::uint32_t>(digit);
-            }
-            if (valid && value <= 0x10ffff) code = value;
+        if (const auto found = named.find(entity); found != named.end()) {
+            code = static_cast<unsigned char>(found->second);
+        } else if (entity.compare(0, 2, "#x") == 0) {
+            code = characterReference(entity.substr(2), 16);
+        } else if (entity.compare(0, 1, "#") == 0) {
+            code = characterReference(entity.substr(1), 10);
         }
         if (!code) {
             out += text[i];
@@ -97,7 +103,8 @@ std::map<std::string, std::string> readAttributes(std::string_view text, std::si
         while (position < text.size() && isSpace(text[position])) ++position;
         if (position >= text.size() || text[position] == '>' || text[position] == '/') break;
         const std::size_t nameStart = position;
-        while (position < text.size() && text[position] != '=' && !isSpace(text[position]) && text[position] != '>') ++position;
+        while (position < text.size() && text[position] != '=' && !isSpace(text[position]) && text[position] != '>')
+            ++position;
         const std::string name(text.substr(nameStart, position - nameStart));
         while (position < text.size() && isSpace(text[position])) ++position;
         if (position >= text.size() || text[position] != '=') break;
@@ -126,7 +133,8 @@ ContentTypes ContentTypes::parse(std::string_view xml) {
             continue;
         }
         const std::size_t nameStart = position;
-        while (position < xml.size() && !isSpace(xml[position]) && xml[position] != '>' && xml[position] != '/') ++position;
+        while (position < xml.size() && !isSpace(xml[position]) && xml[position] != '>' && xml[position] != '/')
+            ++position;
         std::string_view name = xml.substr(nameStart, position - nameStart);
         if (const std::size_t colon = name.find(':'); colon != std::string_view::npos) name.remove_prefix(colon + 1);
         if (name != "Default" && name != "Override") continue;
@@ -149,7 +157,8 @@ std::string ContentTypes::lookup(std::string_view partName) const {
     const std::size_t slash = partName.rfind('/');
     const std::size_t dot = partName.rfind('.');
     if (dot == std::string_view::npos || (slash != std::string_view::npos && dot < slash)) return {};
-    if (const auto found = defaults.find(foldCase(partName.substr(dot + 1))); found != defaults.end()) return found->second;
+    if (const auto found = defaults.find(foldCase(partName.substr(dot + 1))); found != defaults.end())
+        return found->second;
     return {};
 }
 

@@ -8,13 +8,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <sys/stat.h>
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <random>
-#include <sys/stat.h>
 
 namespace opcdir {
 namespace {
@@ -54,7 +54,9 @@ std::vector<std::string> centralDirectoryNames(const std::string& subject, const
     RawFile file(path);
     if (!file.good()) throw Failure(subject, std::string("cannot open: ") + std::strerror(errno));
     const std::uint64_t fileSize = file.size();
-    const auto notZip = [&]() { return Failure(subject, "not a ZIP archive, or truncated (no end of central directory)"); };
+    const auto notZip = [&]() {
+        return Failure(subject, "not a ZIP archive, or truncated (no end of central directory)");
+    };
     const auto corrupt = [&](const std::string& what) { return Failure(subject, "corrupt ZIP archive: " + what); };
 
     constexpr std::uint64_t kEndSize = 22;
@@ -89,10 +91,12 @@ std::vector<std::string> centralDirectoryNames(const std::string& subject, const
         directorySize = little(&record[40], 8);
         directoryOffset = little(&record[48], 8);
     }
-    if (directoryOffset > fileSize || directorySize > fileSize - directoryOffset) throw corrupt("central directory out of bounds");
+    if (directoryOffset > fileSize || directorySize > fileSize - directoryOffset)
+        throw corrupt("central directory out of bounds");
 
     std::vector<unsigned char> directory;
-    if (!file.readAt(directoryOffset, static_cast<std::size_t>(directorySize), directory)) throw corrupt("central directory unreadable");
+    if (!file.readAt(directoryOffset, static_cast<std::size_t>(directorySize), directory))
+        throw corrupt("central directory unreadable");
     std::vector<std::string> names;
     std::size_t position = 0;
     for (std::uint64_t i = 0; i < count; ++i) {
@@ -126,7 +130,11 @@ bool isAscii(const std::string& name) {
 bool isUtf8(const std::string& name) {
     for (std::size_t i = 0; i < name.size();) {
         const auto byte = static_cast<unsigned char>(name[i]);
-        const std::size_t length = byte < 0x80 ? 1 : (byte >> 5) == 0x6 ? 2 : (byte >> 4) == 0xe ? 3 : (byte >> 3) == 0x1e ? 4 : 0;
+        const std::size_t length = byte < 0x80           ? 1
+                                   : (byte >> 5) == 0x6  ? 2
+                                   : (byte >> 4) == 0xe  ? 3
+                                   : (byte >> 3) == 0x1e ? 4
+                                                         : 0;
         if (length == 0 || i + length > name.size()) return false;
         for (std::size_t k = 1; k < length; ++k) {
             if ((static_cast<unsigned char>(name[i + k]) & 0xc0) != 0x80) return false;
@@ -240,7 +248,8 @@ struct ZipWriter::Context {
                     done += got;
                     writer->bytesRead += got;
                     if (writer->progress) writer->progress(writer->bytesRead);
-                    if (done > size || (got == 0 && done != size)) return fail("part " + quoteName(name) + " changed while it was packed");
+                    if (done > size || (got == 0 && done != size))
+                        return fail("part " + quoteName(name) + " changed while it was packed");
                     return static_cast<zip_int64_t>(got);
                 }
                 case ZIP_SOURCE_CLOSE:
@@ -254,16 +263,12 @@ struct ZipWriter::Context {
                     stat->size = size;
                     return sizeof(zip_stat_t);
                 }
-                case ZIP_SOURCE_ERROR:
-                    return zip_error_to_data(&error, data, length);
-                case ZIP_SOURCE_FREE:
-                    return 0;
+                case ZIP_SOURCE_ERROR: return zip_error_to_data(&error, data, length);
+                case ZIP_SOURCE_FREE: return 0;
                 case ZIP_SOURCE_SUPPORTS:
                     return zip_source_make_command_bitmap(ZIP_SOURCE_OPEN, ZIP_SOURCE_READ, ZIP_SOURCE_CLOSE,
                                                           ZIP_SOURCE_STAT, ZIP_SOURCE_ERROR, ZIP_SOURCE_FREE, -1);
-                default:
-                    zip_error_set(&error, ZIP_ER_OPNOTSUPP, 0);
-                    return -1;
+                default: zip_error_set(&error, ZIP_ER_OPNOTSUPP, 0); return -1;
             }
         } catch (const std::exception& e) {
             return fail(e.what());
@@ -297,7 +302,8 @@ void ZipWriter::add(const std::string& name, std::uint64_t size, EntrySource& so
     zip_error_init(&context->error);
     zip_source_t* zipSource = zip_source_function(archive, &Context::callback, context.get());
     contexts.push_back(std::move(context));
-    if (zipSource == nullptr) throw Failure(subject, std::string("cannot add ") + quoteName(name) + ": " + zip_strerror(archive));
+    if (zipSource == nullptr)
+        throw Failure(subject, std::string("cannot add ") + quoteName(name) + ": " + zip_strerror(archive));
 
     const zip_flags_t encoding = isAscii(name) ? ZIP_FL_ENC_GUESS : isUtf8(name) ? ZIP_FL_ENC_UTF_8 : ZIP_FL_ENC_RAW;
     const zip_int64_t index = zip_file_add(archive, name.c_str(), zipSource, encoding);

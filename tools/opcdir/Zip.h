@@ -13,8 +13,8 @@ namespace opcdir {
 
 struct ZipEntry {
     std::uint64_t index = 0;
-    std::string name;                 // the bytes the central directory holds
-    std::uint64_t size = 0;           // as declared; reading checks the truth
+    std::string name;        // the bytes the central directory holds
+    std::uint64_t size = 0;  // as declared; reading checks the truth
     std::uint64_t compressedSize = 0;
 };
 
