@@ -50,26 +50,28 @@ std::string libraryCause(const opc::Exception& e) {
 class Package {
 public:
     Package(opc::FileSystemOps& fileSystem, const std::string& argument, OpenMode mode)
-        : service(fileSystem), subject(argument), package(toUtf16(argument), fileSystem) {
+        : service(fileSystem), subject(argument) {
         try {
-            package.open(mode);
+            package = std::make_unique<FileSystemPhysicalPackage>(toUtf16(argument), fileSystem);
+            package->open(mode);
         } catch (const opc::Exception& e) {
             const std::string what = e.what();
             if (what == "Package does not exist") {
                 throw Failure(subject,
-                              service.exists(package.getPackageRoot()) ? "not a folder" : "no such package folder");
+                              isSomething(package->getPackageRoot()) ? "not a folder" : "no such package folder");
             }
-            if (what == "Content types stream does not exist")
+            if (what == "Content types stream does not exist") {
                 throw Failure(subject, "not a package: no [Content_Types].xml");
+            }
             throw Failure(subject, libraryCause(e));
         }
     }
 
-    FileSystemPhysicalPackage* operator->() { return &package; }
+    FileSystemPhysicalPackage* operator->() { return package.get(); }
 
     void commit() {
         try {
-            package.close(false);
+            package->close(false);
         } catch (const opc::Exception& e) {
             throw Failure(subject, libraryCause(e));
         }
@@ -78,7 +80,12 @@ public:
     // The size of the part's file, for listings and ZIP headers; the bytes
     // themselves are only read through the part's stream.
     std::uint64_t sizeOf(const std::string& partName) {
-        const std::u16string file = service.appendPath(package.getPackageRoot(), toUtf16(partName.substr(1)));
+        std::u16string file;
+        try {
+            file = service.appendPath(package->getPackageRoot(), toUtf16(partName.substr(1)));
+        } catch (const opc::Exception& e) {
+            throw Failure(subject, "cannot read part " + quoteName(partName) + ": " + libraryCause(e));
+        }
         std::error_code error;
         const std::uintmax_t size = std::filesystem::file_size(toUtf8(file), error);
         if (error) throw Failure(subject, "cannot read part " + quoteName(partName) + ": " + error.message());
@@ -88,9 +95,18 @@ public:
     const std::string& name() const { return subject; }
 
 private:
+    // Only asked to word a failure, so a failure to answer is no news.
+    bool isSomething(const std::u16string& path) {
+        try {
+            return service.exists(path);
+        } catch (const opc::Exception&) {
+            return false;
+        }
+    }
+
     opc::FileSystemOps& service;
     std::string subject;
-    FileSystemPhysicalPackage package;
+    std::unique_ptr<FileSystemPhysicalPackage> package;
 };
 
 struct Listed {
@@ -372,6 +388,13 @@ void newCommand(const Arguments& args, Io&, opc::FileSystemOps& fileSystem) {
     package.commit();
 }
 
+// Whether size bytes from compressed bytes expand more than ratio times,
+// without the overflow of ratio * compressed.
+bool expandsPast(std::uint64_t size, std::uint64_t compressed, std::uint64_t ratio) {
+    const std::uint64_t divisor = std::max<std::uint64_t>(compressed, 1);
+    return size / divisor > ratio || (size / divisor == ratio && size % divisor != 0);
+}
+
 // Every entry name of the archive checked before anything is written: unsafe
 // names, duplicates, a file that is also a folder, a missing content-types
 // entry and declared sizes past the limits. Folder entries are checked and
@@ -404,7 +427,7 @@ std::vector<const ZipEntry*> checkEntries(const std::string& archiveName,
         for (std::size_t slash = folded.find('/'); slash != std::string::npos; slash = folded.find('/', slash + 1)) {
             folders.emplace(folded.substr(0, slash), entry.name);
         }
-        if (entry.size > maxRatio * std::max<std::uint64_t>(entry.compressedSize, 1)) {
+        if (expandsPast(entry.size, entry.compressedSize, maxRatio)) {
             throw Failure(archiveName, "entry " + quoteName(entry.name) + " expands more than " +
                                            std::to_string(maxRatio) + " times (see --max-ratio)");
         }
@@ -461,7 +484,6 @@ void unpackCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem
         }
         // Declared sizes can lie: the limits hold for the bytes actually
         // inflated, checked before each piece is written.
-        const std::uint64_t ratioLimit = maxRatio * std::max<std::uint64_t>(entry->compressedSize, 1);
         std::uint64_t written = 0;
         reader.read(*entry, [&](const char* data, std::size_t count) {
             written += count;
@@ -470,7 +492,7 @@ void unpackCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem
                 throw Failure(archiveName, "expands to more than the limit of " + std::to_string(maxSize) +
                                                " bytes (see --max-size)");
             }
-            if (written > ratioLimit) {
+            if (expandsPast(written, entry->compressedSize, maxRatio)) {
                 throw Failure(archiveName, "entry " + quoteName(entry->name) + " expands more than " +
                                                std::to_string(maxRatio) + " times (see --max-ratio)");
             }
@@ -512,7 +534,12 @@ void packCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) 
     const std::string& archiveName = args.operands[1];
     Package package(fileSystem, packageName, OpenMode::Read);
 
-    const std::string archivePath = toUtf8(fileSystem.normalizePath(toUtf16(archiveName)));
+    std::string archivePath;
+    try {
+        archivePath = toUtf8(fileSystem.normalizePath(toUtf16(archiveName)));
+    } catch (const opc::Exception& e) {
+        throw Failure(archiveName, libraryCause(e));
+    }
     const std::string root = toUtf8(package->getPackageRoot());
     if (archivePath == root || archivePath.compare(0, root.size() + 1, root + "/") == 0) {
         throw Failure(archiveName, "lies inside the package " + packageName);
