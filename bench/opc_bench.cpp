@@ -2,7 +2,7 @@
 // that does the same file work with standard tools, in the same run and on the
 // same file system, and prints one table.
 //
-//   opc_bench [--quick] [--repetitions N] [--dir FOLDER] [--only NAME[,NAME...]]
+//   opc_bench [--quick] [--verbose] [--repetitions N] [--dir FOLDER] [--only NAME[,NAME...]]
 //
 // Every library repetition runs in a forked child, so that its peak resident
 // memory is its own; the memory check runs in a freshly executed copy of this
@@ -518,7 +518,7 @@ Workload createWorkload(const fs::path& root, std::size_t parts) {
 
 // Library and baseline alternate which goes first, so that neither always
 // meets the state the other left.
-Row measure(Workload& w, int repetitions) {
+Row measure(Workload& w, int repetitions, bool verbose) {
     Row row{w.name, w.size, w.target};
     if (!w.afterLibrary) w.afterLibrary = [](int) {};
     if (!w.afterBaseline) w.afterBaseline = [] {};
@@ -531,11 +531,13 @@ Row measure(Workload& w, int repetitions) {
                 const Sample sample = runInChild([&] { w.library(repetition); });
                 w.afterLibrary(repetition);
                 ours.push_back(sample.seconds);
+                if (verbose) std::fprintf(stderr, "  %s ours %.4f s\n", w.name.c_str(), sample.seconds);
                 row.oursPeakKiB = std::max(row.oursPeakKiB, sample.peakKiB);
             } else {
                 const Sample sample = w.baseline();
                 w.afterBaseline();
                 baseline.push_back(sample.seconds);
+                if (verbose) std::fprintf(stderr, "  %s baseline %.4f s\n", w.name.c_str(), sample.seconds);
                 row.baselinePeakKiB = std::max(row.baselinePeakKiB, sample.peakKiB);
             }
         }
@@ -674,6 +676,7 @@ void printMemory(const MemoryResult& memory) {
 
 struct Options {
     bool quick = false;
+    bool verbose = false;  // every sample to stderr
     int repetitions = 0;
     fs::path dir = fs::temp_directory_path();
     std::vector<std::string> only;
@@ -690,6 +693,8 @@ std::optional<Options> parse(int argc, char** argv) {
         const bool hasValue = i + 1 < argc;
         if (argument == "--quick") {
             options.quick = true;
+        } else if (argument == "--verbose") {
+            options.verbose = true;
         } else if (argument == "--repetitions" && hasValue) {
             options.repetitions = std::atoi(argv[++i]);
             if (options.repetitions < 1) return std::nullopt;
@@ -747,7 +752,7 @@ int run(const Options& options) {
         Workload workload;
         try {
             workload = make();
-            rows.push_back(measure(workload, repetitions));
+            rows.push_back(measure(workload, repetitions, options.verbose));
         } catch (const std::exception& e) {
             std::fprintf(stderr, "opc_bench: %s failed: %s\n", name.c_str(), e.what());
             rows.push_back(Row{name, workload.size, workload.target});
@@ -782,7 +787,7 @@ int main(int argc, char** argv) {
     const std::optional<Options> options = parse(argc, argv);
     if (!options) {
         std::fprintf(stderr,
-                     "usage: opc_bench [--quick] [--repetitions N] [--dir FOLDER] "
+                     "usage: opc_bench [--quick] [--verbose] [--repetitions N] [--dir FOLDER] "
                      "[--only open,read,write,commit,create,memory]\n");
         return 2;
     }
