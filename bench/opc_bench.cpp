@@ -6,8 +6,8 @@
 //
 // Every library repetition runs in a forked child, so that its peak resident
 // memory is its own; the memory check runs in a freshly executed copy of this
-// program. Repetitions of the library and the baseline alternate, and each
-// reported time is the median. Data lives in a fresh folder below --dir (the
+// program. After one warm-up run of each side, repetitions of the library and
+// the baseline alternate, and each reported time is the median. Data lives in a fresh folder below --dir (the
 // system's temporary folder by default) and is removed at the end.
 //
 // Exit status: 0 when every workload ran and produced the expected result,
@@ -445,14 +445,14 @@ Workload commitWorkload(const fs::path& root, std::size_t parts, std::size_t byt
     w.writes = true;
     w.data = {package, copy};
     w.library = [package](int repetition) {
-        const std::vector<char> document = pattern(kDocument, 10 + static_cast<unsigned>(repetition));
+        const std::vector<char> document = pattern(kDocument, static_cast<unsigned>(10 + repetition));
         FileSystemPhysicalPackage changed(widen(package.string()));
         changed.open(opc::interfaces::ReadWrite);
         findPart(changed, u"/word/document.xml")->getOutputStream()->write(document.data(), kDocument);
         changed.close(false);
     };
     w.afterLibrary = [root, package, parts](int repetition) {
-        const std::vector<char> document = pattern(kDocument, 10 + static_cast<unsigned>(repetition));
+        const std::vector<char> document = pattern(kDocument, static_cast<unsigned>(10 + repetition));
         require(readFile(package / "word" / "document.xml") == std::string(document.begin(), document.end()),
                 "the rewritten part was not committed");
         require(countFiles(package) == parts + 1, "the committed package has the wrong files");
@@ -524,18 +524,23 @@ Row measure(Workload& w, int repetitions, bool verbose) {
     if (!w.afterBaseline) w.afterBaseline = [] {};
     std::vector<double> ours;
     std::vector<double> baseline;
-    for (int repetition = 0; repetition < repetitions; ++repetition) {
+    // Repetition -1 is a warm-up of each side: the first run after the data
+    // is made pays for caches and fresh memory that later runs find ready.
+    for (int repetition = -1; repetition < repetitions; ++repetition) {
         for (int side = 0; side < 2; ++side) {
             if (w.writes) ::sync();
+            const bool counted = repetition >= 0;
             if ((side == 0) == (repetition % 2 == 0)) {
                 const Sample sample = runInChild([&] { w.library(repetition); });
                 w.afterLibrary(repetition);
+                if (!counted) continue;
                 ours.push_back(sample.seconds);
                 if (verbose) std::fprintf(stderr, "  %s ours %.4f s\n", w.name.c_str(), sample.seconds);
                 row.oursPeakKiB = std::max(row.oursPeakKiB, sample.peakKiB);
             } else {
                 const Sample sample = w.baseline();
                 w.afterBaseline();
+                if (!counted) continue;
                 baseline.push_back(sample.seconds);
                 if (verbose) std::fprintf(stderr, "  %s baseline %.4f s\n", w.name.c_str(), sample.seconds);
                 row.baselinePeakKiB = std::max(row.baselinePeakKiB, sample.peakKiB);
