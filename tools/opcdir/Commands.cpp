@@ -28,7 +28,7 @@ using opc::interfaces::IPhysicalOutputStream;
 using opc::interfaces::IPhysicalPart;
 using opc::interfaces::OpenMode;
 
-constexpr std::size_t kPiece = 64 * 1024;
+constexpr std::size_t kPiece = std::size_t{64} * 1024;
 constexpr std::uint64_t kDefaultMaxSize = std::uint64_t{4} << 30;
 constexpr std::uint64_t kDefaultMaxRatio = 1000;
 constexpr std::uint64_t kProgressThreshold = std::uint64_t{64} << 20;
@@ -246,6 +246,7 @@ void listCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) 
         std::string type;
     };
     std::vector<Row> rows;
+    rows.reserve(listed.size());
     for (const Listed& entry : listed) {
         rows.push_back(
             {&entry, package.sizeOf(entry.name), entry.part != nullptr && withTypes ? types.lookup(entry.name) : ""});

@@ -19,7 +19,7 @@
 namespace opcdir {
 namespace {
 
-constexpr std::size_t kPiece = 64 * 1024;
+constexpr std::size_t kPiece = std::size_t{64} * 1024;
 
 std::uint64_t little(const unsigned char* bytes, int count) {
     std::uint64_t value = 0;
@@ -152,8 +152,9 @@ std::string temporaryNameBeside(const std::string& path) {
     for (;;) {
         char suffix[17];
         std::snprintf(suffix, sizeof suffix, "%08x%08x", random(), random());
-        std::string candidate = folder + "." + base + "." + suffix + ".tmp";
-        struct stat info;
+        std::string candidate = folder;
+        candidate.append(".").append(base).append(".").append(suffix).append(".tmp");
+        struct stat info {};
         if (::lstat(candidate.c_str(), &info) != 0 && errno == ENOENT) return candidate;
     }
 }
@@ -219,13 +220,13 @@ void ZipReader::read(const ZipEntry& entry, const std::function<void(const char*
 // ---- Writing ---------------------------------------------------------------------
 
 struct ZipWriter::Context {
-    ZipWriter* writer;
-    EntrySource* source;
+    ZipWriter* writer = nullptr;
+    EntrySource* source = nullptr;
     std::string name;
-    std::uint64_t size;
+    std::uint64_t size = 0;
     std::uint64_t done = 0;
     bool opened = false;
-    zip_error_t error;
+    zip_error_t error{};
 
     // Exceptions must not cross libzip's C frames: each becomes the writer's
     // first error and a failed read.
