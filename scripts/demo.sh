@@ -18,7 +18,7 @@ if [ $# -ge 1 ]; then
   work="$1"
   mkdir -p "$work"
 else
-  work="$(mktemp -d "${TMPDIR:-/tmp}/opcdir-demo.XXXXXX")"
+  work="$(mktemp -d -t opcdir-demo.XXXXXX)"
 fi
 cd "$work"
 if [ -e sample ] || [ -e sample.docx ] || [ -e copy ]; then

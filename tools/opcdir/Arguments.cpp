@@ -13,7 +13,7 @@ struct Option {
     bool takesValue;
 };
 
-struct CommandSpec {
+struct CommandInfo {
     const char* name;
     const char* synopsis;
     const char* summary;
@@ -25,8 +25,8 @@ struct CommandSpec {
 
 constexpr std::size_t kUnbounded = std::numeric_limits<std::size_t>::max();
 
-const std::vector<CommandSpec>& commands() {
-    static const std::vector<CommandSpec> table = {
+const std::vector<CommandInfo>& commands() {
+    static const std::vector<CommandInfo> table = {
         {"ls",
          "ls [--long] [--json] PKG",
          "list the parts of a folder package with their sizes",
@@ -83,9 +83,9 @@ const std::vector<CommandSpec>& commands() {
     return table;
 }
 
-const CommandSpec* findCommand(const std::string& name) {
-    for (const CommandSpec& spec : commands()) {
-        if (name == spec.name) return &spec;
+const CommandInfo* findCommand(const std::string& name) {
+    for (const CommandInfo& info : commands()) {
+        if (name == info.name) return &info;
     }
     return nullptr;
 }
@@ -96,25 +96,25 @@ std::string seeHelp(const std::string& command) {
 
 // Applies the option at arguments[index]; returns false when it is none of
 // the command's options.
-bool takeOption(const CommandSpec& spec,
+bool takeOption(const CommandInfo& info,
                 const std::vector<std::string>& arguments,
                 std::size_t& index,
                 Arguments& parsed) {
     const std::string& argument = arguments[index];
     const std::size_t equals = argument.find('=');
     const std::string name = argument.substr(0, equals);
-    for (const Option& option : spec.options) {
+    for (const Option& option : info.options) {
         if (name != option.name && name != option.shortName) continue;
         if (!option.takesValue) {
             if (equals != std::string::npos)
-                throw UsageError(std::string(spec.name) + ": " + option.name + " takes no value" + seeHelp(spec.name));
+                throw UsageError(std::string(info.name) + ": " + option.name + " takes no value" + seeHelp(info.name));
             parsed.flags.insert(option.name);
         } else if (equals != std::string::npos) {
             parsed.values[option.name] = argument.substr(equals + 1);
         } else if (index + 1 < arguments.size()) {
             parsed.values[option.name] = arguments[++index];
         } else {
-            throw UsageError(std::string(spec.name) + ": " + option.name + " needs a value" + seeHelp(spec.name));
+            throw UsageError(std::string(info.name) + ": " + option.name + " needs a value" + seeHelp(info.name));
         }
         return true;
     }
@@ -136,12 +136,12 @@ Arguments parseArguments(const std::vector<std::string>& arguments) {
         parsed.flags.insert("--version");
         return parsed;
     }
-    const CommandSpec* spec = findCommand(first);
-    if (spec == nullptr) {
+    const CommandInfo* info = findCommand(first);
+    if (info == nullptr) {
         throw UsageError((first.size() > 1 && first[0] == '-' ? "unknown option '" : "unknown command '") + first +
                          "'" + seeHelp(""));
     }
-    parsed.command = spec->name;
+    parsed.command = info->name;
 
     bool optionsEnded = false;
     for (std::size_t i = 1; i < arguments.size(); ++i) {
@@ -152,26 +152,26 @@ Arguments parseArguments(const std::vector<std::string>& arguments) {
             optionsEnded = true;
         } else if (argument == "--help" || argument == "-h") {
             parsed.flags.insert("--help");
-        } else if (!takeOption(*spec, arguments, i, parsed)) {
-            throw UsageError(parsed.command + ": unknown option '" + argument + "'" + seeHelp(spec->name));
+        } else if (!takeOption(*info, arguments, i, parsed)) {
+            throw UsageError(parsed.command + ": unknown option '" + argument + "'" + seeHelp(info->name));
         }
     }
     if (parsed.has("--help")) return parsed;
-    if (parsed.operands.size() < spec->minOperands)
-        throw UsageError(parsed.command + ": missing operand" + seeHelp(spec->name));
-    if (parsed.operands.size() > spec->maxOperands) {
-        throw UsageError(parsed.command + ": unexpected operand '" + parsed.operands[spec->maxOperands] + "'" +
-                         seeHelp(spec->name));
+    if (parsed.operands.size() < info->minOperands)
+        throw UsageError(parsed.command + ": missing operand" + seeHelp(info->name));
+    if (parsed.operands.size() > info->maxOperands) {
+        throw UsageError(parsed.command + ": unexpected operand '" + parsed.operands[info->maxOperands] + "'" +
+                         seeHelp(info->name));
     }
     return parsed;
 }
 
 std::string helpText(const std::string& command) {
-    if (const CommandSpec* spec = findCommand(command)) {
-        std::string summary = spec->summary;
+    if (const CommandInfo* info = findCommand(command)) {
+        std::string summary = info->summary;
         summary[0] = static_cast<char>(summary[0] - 'a' + 'A');
-        std::string text = std::string("usage: opcdir ") + spec->synopsis + "\n\n" + summary + ".\n";
-        if (*spec->details != '\0') text += std::string("\n") + spec->details;
+        std::string text = std::string("usage: opcdir ") + info->synopsis + "\n\n" + summary + ".\n";
+        if (*info->details != '\0') text += std::string("\n") + info->details;
         return text;
     }
     std::string text =
@@ -180,8 +180,8 @@ std::string helpText(const std::string& command) {
         "as plain folders. Every change is committed as a whole: when a command fails,\n"
         "the package is left as it was.\n\n"
         "commands:\n";
-    for (const CommandSpec& spec : commands()) {
-        text += std::string("  ") + spec.synopsis + "\n      " + spec.summary + "\n";
+    for (const CommandInfo& info : commands()) {
+        text += std::string("  ") + info.synopsis + "\n      " + info.summary + "\n";
     }
     text +=
         "\n'opcdir COMMAND --help' tells more about one command.\n"
