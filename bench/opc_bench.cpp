@@ -18,6 +18,7 @@
 #include <opcfspackage/FileSystemPhysicalPackage.h>
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/resource.h>
 #include <sys/statfs.h>
 #include <sys/utsname.h>
@@ -198,10 +199,17 @@ struct Sample {
     long peakKiB = 0;  // peak resident memory of the process that did the work
 };
 
+// A forked child starts with what the parent has resident; the parent hands
+// freed memory back first, so that children's peaks are about their own work.
+void prepareFork() {
+    std::fflush(nullptr);
+    ::malloc_trim(0);
+}
+
 // Runs work in a forked child, timed there, so that what the parent holds
 // never counts against the library and its peak memory is its own.
 Sample runInChild(const std::function<void()>& work) {
-    std::fflush(nullptr);
+    prepareFork();
     int channel[2];
     if (::pipe2(channel, O_CLOEXEC) != 0) throw systemFailure("pipe");
     const pid_t pid = ::fork();
@@ -249,7 +257,7 @@ Sample runCommand(const std::vector<std::string>& arguments, bool intoPipe, std:
     std::vector<char*> argv;
     for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
-    std::fflush(nullptr);
+    prepareFork();
     int channel[2] = {-1, -1};
     if (intoPipe && ::pipe2(channel, O_CLOEXEC) != 0) throw systemFailure("pipe");
     const auto start = Clock::now();
