@@ -84,8 +84,10 @@ std::string encode(std::u16string_view path, bool escapeForDisplay) {
     out.reserve(path.size());
     for (std::size_t i = 0; i < path.size(); ++i) {
         const char16_t unit = path[i];
-        if (unit >= 0xD800 && unit <= 0xDBFF && i + 1 < path.size() && path[i + 1] >= 0xDC00 &&
-            path[i + 1] <= 0xDFFF) {
+        if (unit < 0x80) {  // nearly every unit of a path: tested first
+            out.push_back(static_cast<char>(unit));
+        } else if (unit >= 0xD800 && unit <= 0xDBFF && i + 1 < path.size() && path[i + 1] >= 0xDC00 &&
+                   path[i + 1] <= 0xDFFF) {
             appendUtf8(out, 0x10000 + ((char32_t{unit} - 0xD800) << 10) + (path[i + 1] - 0xDC00));
             ++i;
         } else if (unit >= kEscapeBase + 0x80 && unit <= kEscapeBase + 0xFF) {
