@@ -1,0 +1,507 @@
+#include "support/FaultyFileSystemOps.h"
+#include "support/OpcAssertions.h"
+#include "support/StreamHelpers.h"
+#include "support/Strings.h"
+#include "support/TempDir.h"
+#include "support/TreeSnapshot.h"
+#include "support/ZipFixture.h"
+
+#include <opcfspackage/FileSystemPart.h>
+#include <opcfspackage/FileSystemPartInfo.h>
+#include <opcfspackage/FileSystemPhysicalPackage.h>
+
+#include <gtest/gtest.h>
+#include <boost/system/error_code.hpp>
+
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <limits>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <string>
+
+namespace opc::test {
+namespace {
+
+using opc::fspackage::FileSystemPhysicalPackage;
+using opc::interfaces::IPhysicalInputStream;
+using opc::interfaces::IPhysicalOutputStream;
+using opc::interfaces::IPhysicalPart;
+using opc::interfaces::OpenMode;
+using Names = std::vector<std::u16string>;
+
+const std::u16string kContentTypes = u"/[Content_Types].xml";
+const std::string kNoPart = "Part does not exist";
+const std::string kNoContentTypes = "Content types stream does not exist";
+const std::string kRefused =
+    "A part cannot be deleted if it has just been created or modified. Package must be closed first.";
+const std::string kExists = "Cannot create. File already exists.";
+const std::string kInputFailed = "Failed to create or open file system input stream";
+const std::string kOutputFailed = "Failed to create or open file system output stream";
+
+// The tree below root on one line, "folder/ file=bytes ...", in name order.
+std::string tree(const std::filesystem::path& root) {
+    std::string line;
+    for (const auto& [name, bytes] : snapshotTree(root)) {
+        line += (line.empty() ? "" : " ") + name + (name.back() == '/' ? std::string() : "=" + bytes);
+    }
+    return line;
+}
+
+Names partNames(FileSystemPhysicalPackage& package) {
+    Names names;
+    for (IPhysicalPart* part : package.getParts()) names.push_back(part->getName());
+    return names;
+}
+
+IPhysicalPart* findPart(FileSystemPhysicalPackage& package, const std::u16string& name) {
+    for (IPhysicalPart* part : package.getParts()) {
+        if (part->getName() == name) return part;
+    }
+    throw std::runtime_error("no part named " + toUtf8(name));
+}
+
+IPhysicalPart* create(FileSystemPhysicalPackage& package,
+                      const std::u16string& name,
+                      const std::u16string& contentType = u"application/xml") {
+    return package.createPart(name, contentType, opc::fspackage::FileSystemPartInfo());
+}
+
+opc::fspackage::FileSystemPart& fsPart(IPhysicalPart* part) {
+    return dynamic_cast<opc::fspackage::FileSystemPart&>(*part);
+}
+
+std::string readSome(IPhysicalInputStream* stream, std::streamsize count) {
+    std::string buffer(static_cast<std::size_t>(count), '\0');
+    buffer.resize(static_cast<std::size_t>(stream->read(buffer.data(), count)));
+    return buffer;
+}
+
+std::size_t firstCall(const FaultyFileSystemOps& ops, Hook hook) {
+    const std::vector<Call>& calls = ops.calls();
+    const auto found = std::find_if(calls.begin(), calls.end(), [&](const Call& call) { return call.hook == hook; });
+    return static_cast<std::size_t>(found - calls.begin());
+}
+
+// A test folder, a package "pkg" in it holding "<Types/>" as content types,
+// and package objects over it through the recording file system.
+template <class Ops = FaultyFileSystemOps>
+struct PackageFixture : ::testing::Test {
+    TempDir dir;
+    Ops ops;
+    TreeSnapshot original;
+    std::unique_ptr<FileSystemPhysicalPackage> package;
+
+    void write(std::map<std::string, std::string> files) {
+        files.emplace("[Content_Types].xml", "<Types/>");
+        for (const auto& [relative, bytes] : files) writeFile(dir.path() / "pkg" / relative, bytes);
+        original = snapshotTree(dir.path());
+    }
+    FileSystemPhysicalPackage& open(int mode, const std::string& path = "pkg") {
+        package.reset();
+        package = std::make_unique<FileSystemPhysicalPackage>(dir.u16(path), ops);
+        if (mode != -2) package->open(static_cast<OpenMode>(mode));  // -2: left unopened
+        return *package;
+    }
+    std::filesystem::path temp() const { return toUtf8(package->getTempPackageRoot()); }
+};
+struct Open : PackageFixture<> {};
+struct Registry : PackageFixture<> {};
+struct InputStream : PackageFixture<> {};
+struct OutputStream : PackageFixture<> {};
+struct Streams : PackageFixture<> {};
+
+TEST_F(Open, SecondOpenKeepsFirstModePartsAndTemporaryFolder) {
+    write({{"a.xml", "A"}, {"b/c.xml", "C"}});
+    open(OpenMode::ReadWrite);
+    const std::vector<IPhysicalPart*> parts = package->getParts();
+    const TreeSnapshot afterFirstOpen = snapshotTree(dir.path());
+    const std::u16string tempRoot = package->getTempPackageRoot();
+    package->open(OpenMode::Create);
+    package->open(OpenMode::Read);
+    EXPECT_EQ(package->getTempPackageRoot(), tempRoot);
+    EXPECT_EQ(package->getParts(), parts);
+    EXPECT_EQ(snapshotTree(dir.path()), afterFirstOpen);
+    // ReadWrite still decides the close: Read commits nothing, Create drops unchanged parts.
+    writeAll(create(*package, u"/new.xml")->getOutputStream(), "N");
+    package->close(false);
+    EXPECT_EQ(tree(dir.path()), "pkg/ pkg/[Content_Types].xml=<Types/> pkg/a.xml=A pkg/b/ pkg/b/c.xml=C pkg/new.xml=N");
+}
+
+TEST_F(Open, WhatIsNoPackageIsRefusedBeforeAnyTemporaryFolder) {
+    writeFile(dir.path() / "file", "not a folder");
+    // Neither a nested copy nor another spelling is the content-types file.
+    writeFile(dir.path() / "pkg" / "word" / "[Content_Types].xml", "<Types/>");
+    writeFile(dir.path() / "pkg" / "[content_types].xml", "<Types/>");
+    const TreeSnapshot before = snapshotTree(dir.path());
+    const boost::system::error_code noSuchFile(2, boost::system::generic_category());
+    for (const int mode : {OpenMode::Read, OpenMode::ReadWrite}) {
+        for (const std::string path : {"file", "missing", "no/such/parent/pkg", "pkg"}) {
+            SCOPED_TRACE(path + " mode " + std::to_string(mode));
+            EXPECT_OPC_EXCEPTION(open(mode, path), path == "pkg" ? kNoContentTypes : "Package does not exist",
+                                 path == "pkg" ? emptyCode() : noSuchFile);
+            EXPECT_FALSE(package->isOpen());
+            EXPECT_EQ(ops.count(Hook::GetTempName) + ops.count(Hook::CreateFoldersReporting), 0u);
+            EXPECT_EQ(snapshotTree(dir.path()), before);
+        }
+    }
+}
+
+TEST_F(Open, ReadListsAllButTopLevelTrashAndEmptyFoldersAndMakesNoTemporaryFolder) {
+    write({{"[trash]/x", "1"}, {"[trash]/d/y", "2"}, {"[trash]y", "3"}, {"[Trash]/d", "4"}, {"a/[trash]/b", "5"}});
+    std::filesystem::create_directories(dir.path() / "pkg" / "empty" / "y");
+    original = snapshotTree(dir.path());
+    EXPECT_TRUE(open(OpenMode::Read).getTempPackageRoot().empty());
+    EXPECT_EQ(partNames(*package), (Names{u"/[Trash]/d", u"/a/[trash]/b"}));
+    EXPECT_OPC_EXCEPTION(package->deletePart(u"/[trash]/x"), kNoPart, emptyCode());
+    EXPECT_EQ(readAll(findPart(*package, u"/a/[trash]/b")->getInputStream()), "5");
+    package.reset();
+    EXPECT_EQ(ops.count(Hook::GetTempName) + ops.count(Hook::CreateFoldersReporting), 0u);
+    EXPECT_EQ(snapshotTree(dir.path()), original);
+}
+
+TEST_F(Open, CreateOnMissingPathMakesHiddenTemporaryFolderBesideIt) {
+    open(OpenMode::Create, "x/y/pkg");
+    EXPECT_TRUE(package->isOpen());
+    const std::string tempName = temp().filename();
+    ASSERT_EQ(tempName.substr(0, 1), ".");
+    EXPECT_EQ(tree(dir.path()), "x/ x/y/ x/y/" + tempName + "/");
+    EXPECT_EQ(ops.count(Hook::GetFiles), 0u);
+    EXPECT_TRUE(package->getParts().empty());
+    EXPECT_EQ(package->getContentTypesPart()->getName(), kContentTypes);
+    EXPECT_OPC_EXCEPTION(package->deletePart(kContentTypes), kRefused, emptyCode());
+    package->close(true);
+    EXPECT_EQ(tree(dir.path()), "x/ x/y/");
+    // The registered content-types part is committed as an empty file.
+    open(OpenMode::Create, "z/pkg").close(false);
+    EXPECT_EQ(tree(dir.path() / "z"), "pkg/ pkg/[Content_Types].xml=");
+}
+
+TEST_F(Open, ReadWriteRegistersContentTypesAndMakesTemporaryFolderLast) {
+    write({{"a.xml", "A"}, {"b/c.xml", "C"}});
+    open(OpenMode::ReadWrite);
+    const std::size_t makeTemp = firstCall(ops, Hook::CreateFoldersReporting);
+    ASSERT_LT(makeTemp, ops.calls().size());
+    EXPECT_EQ(ops.calls()[makeTemp].path, package->getTempPackageRoot());
+    EXPECT_LT(firstCall(ops, Hook::GetFiles), firstCall(ops, Hook::GetTempName));
+    EXPECT_LT(firstCall(ops, Hook::GetTempName), makeTemp);
+    EXPECT_EQ(partNames(*package), (Names{u"/a.xml", u"/b/c.xml"}));
+    EXPECT_EQ(listFolder(dir.path()), (std::vector<std::string>{temp().filename(), "pkg"}));
+    // Registered as an unchanged part, the content-types part can be deleted.
+    EXPECT_EQ(package->getContentTypesPart()->getName(), kContentTypes);
+    ASSERT_NO_THROW(package->deletePart(kContentTypes));
+    EXPECT_OPC_EXCEPTION(package->getParts(), kNoContentTypes, emptyCode());
+    EXPECT_OPC_EXCEPTION(package->getContentTypeInputStream(), kNoContentTypes, emptyCode());
+    EXPECT_OPC_EXCEPTION(package->getContentTypeOutputStream(), kNoContentTypes, emptyCode());
+    EXPECT_OPC_EXCEPTION(package->getContentTypesPart(), kNoContentTypes, emptyCode());
+    EXPECT_OPC_EXCEPTION(package->deletePart(kContentTypes), kNoPart, emptyCode());
+}
+
+TEST_F(Open, OtherModeValuesOnlyMarkOpen) {
+    write({{"a.xml", "A"}});
+    for (const int mode : {3, -1, 4, std::numeric_limits<int>::max()}) {
+        SCOPED_TRACE(mode);
+        EXPECT_TRUE(open(-2).hasContentTypeStream());
+        ops.clearCalls();
+        package->open(static_cast<OpenMode>(mode));
+        EXPECT_TRUE(package->isOpen());
+        EXPECT_OPC_EXCEPTION(package->getParts(), kNoContentTypes, emptyCode());
+        package->close(false);
+        EXPECT_FALSE(package->isOpen());
+        EXPECT_TRUE(ops.calls().empty());
+        EXPECT_EQ(snapshotTree(dir.path()), original);
+    }
+}
+
+TEST_F(Open, TemporaryFolderFailureCarriesItsCodeAndDestructorRemovesFolder) {
+    write({{"a.xml", "A"}});
+    // The folder comes into being, yet the call reports a failure.
+    ops.setBeforeCall([](const Call& call) {
+        if (call.hook == Hook::CreateFoldersReporting) std::filesystem::create_directories(toUtf8(call.path));
+    });
+    const boost::system::error_code code = FaultyFileSystemOps::injectedCode(ENOSPC);
+    for (const int mode : {OpenMode::Create, OpenMode::ReadWrite}) {
+        SCOPED_TRACE(mode);
+        ops.clearCalls();
+        ops.failCall(Hook::CreateFoldersReporting, 1, ENOSPC);
+        EXPECT_OPC_EXCEPTION(open(mode), "Could not create temporary directory structure for output: " + code.message(),
+                             code);
+        EXPECT_FALSE(package->isOpen());
+        EXPECT_EQ(listFolder(dir.path()), (std::vector<std::string>{temp().filename(), "pkg"}));
+        package.reset();
+        EXPECT_EQ(snapshotTree(dir.path()), original);
+    }
+}
+
+TEST_F(Registry, GetPartsListsChangedFirstThenByUtf16CodeUnit) {
+    // U+1F600 is the surrogate pair D83D DE00: by code unit it sorts before
+    // U+FF21, by code point or UTF-8 after.
+    write({{"a", ""}, {"Z", ""}, {"a0", ""}, {"\xf0\x9f\x98\x80", ""}, {"\xef\xbc\xa1", ""}, {"c", ""}});
+    open(OpenMode::ReadWrite);
+    EXPECT_EQ(partNames(*package), (Names{u"/Z", u"/a", u"/a0", u"/c", u"/\U0001F600", u"/\uFF21"}));
+    findPart(*package, u"/c")->getOutputStream();
+    for (const char16_t* name : {u"/b0", u"/b/c", u"/b"}) create(*package, name);
+    EXPECT_EQ(partNames(*package),
+              (Names{u"/b", u"/b/c", u"/b0", u"/c", u"/Z", u"/a", u"/a0", u"/\U0001F600", u"/\uFF21"}));
+}
+
+TEST_F(Registry, DeletePartDropsOnlyUnchangedPartsAndOnlyFromMemory) {
+    write({{"a.xml", "A"}, {"b.xml", "B"}, {"c.xml", "C"}});
+    const TreeSnapshot packageFolder = snapshotTree(dir.path() / "pkg");
+    open(OpenMode::ReadWrite);
+    create(*package, u"/new.xml");
+    findPart(*package, u"/b.xml")->getOutputStream();
+    package->deletePart(u"/a.xml");
+    EXPECT_EQ(partNames(*package), (Names{u"/b.xml", u"/new.xml", u"/c.xml"}));
+    for (const std::u16string name : {u"/a.xml", u"/never.xml", u"c.xml"}) {
+        EXPECT_OPC_EXCEPTION(package->deletePart(name), kNoPart, emptyCode()) << toUtf8(name);
+    }
+    EXPECT_OPC_EXCEPTION(package->deletePart(u"/new.xml"), kRefused, emptyCode());
+    EXPECT_OPC_EXCEPTION(package->deletePart(u"/b.xml"), kRefused, emptyCode());
+    EXPECT_EQ(snapshotTree(dir.path() / "pkg"), packageFolder);
+    package->close(true);
+    EXPECT_EQ(snapshotTree(dir.path()), original);
+}
+
+TEST_F(Registry, CreatePartRefusesInvalidNamesAndExistingFiles) {
+    write({{"a.xml", "A"}});
+    open(OpenMode::ReadWrite);
+    EXPECT_THROW(create(*package, u""), std::out_of_range);
+    for (const std::u16string& name :
+         {std::u16string(u"a.xml"), std::u16string(u"/"), std::u16string(u"//a"), std::u16string(u"/a//b"),
+          std::u16string(u"/a/"), std::u16string(u"/."), std::u16string(u"/.."), std::u16string(u"/./a"),
+          std::u16string(u"/a/.."), std::u16string(u"/a/./b"), std::u16string(u"/a\0b", 4)}) {
+        EXPECT_OPC_EXCEPTION(create(*package, name), "Invalid part name", emptyCode()) << toUtf8(name);
+    }
+    writeFile(temp() / "x" / "y.xml", "stale");
+    EXPECT_OPC_EXCEPTION(create(*package, u"/x/y.xml"), kExists, emptyCode());
+    IPhysicalPart* written = create(*package, u"/p.xml", u"one");
+    writeAll(written->getOutputStream(), "1");
+    EXPECT_OPC_EXCEPTION(create(*package, u"/p.xml", u"two"), kExists, emptyCode());
+    EXPECT_EQ(findPart(*package, u"/p.xml"), written);
+    EXPECT_EQ(written->getContentType(), u"one");
+    // Dots and spaces inside a segment are ordinary characters.
+    for (const std::u16string name : {u"/.a", u"/..a", u"/a..", u"/a./b", u"/a b/c"}) create(*package, name);
+    EXPECT_EQ(partNames(*package), (Names{u"/..a", u"/.a", u"/a b/c", u"/a..", u"/a./b", u"/p.xml", u"/a.xml"}));
+}
+
+TEST_F(Registry, CreateTakesOverPartOfSameName) {
+    for (const bool write : {true, false}) {
+        SCOPED_TRACE(write);
+        this->write({{"a.xml", "old"}, {"b.xml", "B"}});
+        open(OpenMode::ReadWrite);
+        create(*package, u"/a.xml", u"first");  // an unwritten created part is replaced too
+        IPhysicalPart* created = create(*package, u"/a.xml", u"application/x-new");
+        EXPECT_EQ(package->getParts(), (std::vector<IPhysicalPart*>{created, findPart(*package, u"/b.xml")}));
+        EXPECT_EQ(created->getContentType(), u"application/x-new");
+        EXPECT_OPC_EXCEPTION(package->deletePart(u"/a.xml"), kRefused, emptyCode());
+        // Until the commit its input still reads the package folder.
+        EXPECT_EQ(readAll(created->getInputStream()), "old");
+        if (write) writeAll(created->getOutputStream(), "new");
+        package->close(false);
+        EXPECT_EQ(tree(dir.path()), std::string("pkg/ pkg/[Content_Types].xml=<Types/> pkg/a.xml=") +
+                                        (write ? "new" : "") + " pkg/b.xml=B");
+    }
+}
+
+TEST_F(InputStream, FailedOpenDropsCodeAndKeepsNoStream) {
+    IPhysicalPart* part = create(open(OpenMode::Create), u"/x.bin");
+    EXPECT_OPC_EXCEPTION(part->getInputStream(), kInputFailed, emptyCode());
+    writeFile(dir.path() / "pkg" / "x.bin", "disk");  // reading goes to the package folder
+    ops.failCall(Hook::CreateInputStream, 2, EACCES);
+    EXPECT_OPC_EXCEPTION(part->getInputStream(), kInputFailed, emptyCode());
+    EXPECT_EQ(readAll(part->getInputStream()), "disk");
+    EXPECT_EQ(ops.count(Hook::CreateInputStream), 3u);  // each request tried afresh
+}
+
+TEST_F(InputStream, KeepsItsPlaceUntilClosedThenRestartsAtFirstByte) {
+    write({{"a.bin", "0123456789"}});
+    IPhysicalPart* part = findPart(open(OpenMode::Read), u"/a.bin");
+    IPhysicalInputStream* stream = part->getInputStream();
+    EXPECT_EQ(readSome(stream, 3), "012");
+    EXPECT_EQ(part->getInputStream(), stream);
+    stream->open();  // already open
+    EXPECT_FALSE(stream->isAtEnd());
+    EXPECT_EQ(readSome(stream, 100), "3456789");
+    EXPECT_TRUE(stream->isAtEnd());
+    EXPECT_EQ(readSome(stream, 100), "");
+    EXPECT_EQ(part->getInputStream(), stream);  // the end is no invalid state
+    EXPECT_EQ(ops.count(Hook::CreateInputStream), 1u);
+    stream->close();
+    EXPECT_TRUE(stream->isAtEnd());
+    stream->open();
+    EXPECT_EQ(readSome(stream, 10), "0123456789");
+    EXPECT_FALSE(stream->isAtEnd());  // reading exactly up to the end has not met it yet
+    stream->close();
+    std::filesystem::remove(dir.path() / "pkg" / "a.bin");
+    EXPECT_OPC_EXCEPTION(stream->open(), kInputFailed, emptyCode());
+    EXPECT_TRUE(stream->isAtEnd());
+}
+
+TEST_F(OutputStream, WritesAreNotReadBackAndAfterCloseFailUntilStreamsAreClosed) {
+    write({{"a.xml", "old"}});
+    IPhysicalPart* part = findPart(open(OpenMode::ReadWrite), u"/a.xml");
+    IPhysicalOutputStream* out = part->getOutputStream();
+    EXPECT_FALSE(out->isFailed());
+    EXPECT_EQ(writeAll(out, "abc"), 3);
+    out->flush();
+    EXPECT_EQ(readFile(temp() / "a.xml"), "abc");
+    EXPECT_EQ(readAll(part->getInputStream()), "old");  // reads the package folder, not uncommitted writes
+    out->close();
+    EXPECT_TRUE(out->isFailed());
+    EXPECT_EQ(writeAll(out, "x"), 0);
+    EXPECT_EQ(part->getOutputStream(), out);
+    EXPECT_EQ(readFile(temp() / "a.xml"), "abc");
+    fsPart(part).closeStreams();
+    EXPECT_FALSE(part->getOutputStream()->isFailed());
+    EXPECT_EQ(readFile(temp() / "a.xml"), "");
+    package->close(false);
+    EXPECT_EQ(readFile(dir.path() / "pkg" / "a.xml"), "");
+}
+
+TEST_F(OutputStream, FirstRequestMovesPartToChangedEvenWhenItFails) {
+    write({{"a.xml", "A"}, {"word/media/x.bin", "X"}});
+    IPhysicalPart* part = findPart(open(OpenMode::ReadWrite), u"/word/media/x.bin");
+    ops.failCall(Hook::CreateOutputStream, 1, EACCES);
+    EXPECT_OPC_EXCEPTION(part->getOutputStream(), kOutputFailed, emptyCode());
+    EXPECT_TRUE(fsPart(part).isUnwritten());
+    EXPECT_EQ(partNames(*package), (Names{u"/word/media/x.bin", u"/a.xml"}));
+    EXPECT_OPC_EXCEPTION(package->deletePart(u"/word/media/x.bin"), kRefused, emptyCode());
+    IPhysicalOutputStream* out = part->getOutputStream();
+    EXPECT_FALSE(fsPart(part).isUnwritten());
+    EXPECT_EQ(tree(temp()), "word/ word/media/ word/media/x.bin=");
+    ops.clearCalls();
+    EXPECT_EQ(part->getOutputStream(), out);
+    EXPECT_TRUE(ops.calls().empty());
+}
+
+TEST_F(OutputStream, RefusedWithoutTemporaryFolderAndWritesNothing) {
+    write({{"a.xml", "A"}});
+    // Staged paths would lie at the file-system root: any write there fails.
+    for (const Hook hook : {Hook::CreateFolders, Hook::CreateFoldersReporting, Hook::CreateOutputStream}) {
+        ops.failCalls(hook, 1, std::numeric_limits<std::size_t>::max());
+    }
+    for (const int mode : {-2, 0, 3}) {  // never opened, Read, a mode that stages nothing
+        SCOPED_TRACE(mode);
+        open(mode);
+        IPhysicalPart* part = mode == OpenMode::Read ? findPart(*package, u"/a.xml") : create(*package, u"/a.xml");
+        ops.clearCalls();
+        EXPECT_OPC_EXCEPTION(part->getOutputStream(), kOutputFailed, emptyCode());
+        EXPECT_TRUE(ops.calls().empty());
+        EXPECT_TRUE(fsPart(part).isUnwritten());
+        if (mode == OpenMode::Read) package->deletePart(u"/a.xml");  // throws if the part had moved
+    }
+    EXPECT_EQ(snapshotTree(dir.path()), original);
+}
+
+TEST_F(OutputStream, FolderFailuresAreWrappedWithTheirCode) {
+    write({{"a/b/c.xml", "C"}});
+    const boost::system::error_code code = FaultyFileSystemOps::injectedCode(ENOSPC);
+    // Calls by number: 1 appendPath, 2 getParentPath, 3 exists, 4 createFolders.
+    for (const std::size_t failing : {2u, 3u, 4u}) {
+        SCOPED_TRACE(failing);
+        IPhysicalPart* part = findPart(open(OpenMode::ReadWrite), u"/a/b/c.xml");
+        ops.clearCalls();
+        ops.failGlobalCall(failing, ENOSPC);
+        EXPECT_OPC_EXCEPTION(part->getOutputStream(),
+                             "Could not create directory structure for part output stream: " + code.message(), code);
+        EXPECT_EQ(ops.calls().size(), failing);
+        EXPECT_TRUE(fsPart(part).isUnwritten());
+        EXPECT_EQ(tree(temp()), "");
+        ops.clearFailures();
+    }
+}
+
+// Hands out streams that are bad from the start.
+struct BadStreamOps : FaultyFileSystemOps {
+    std::shared_ptr<std::istream> createInputStreamImpl(const std::u16string&,
+                                                        std::ios_base::openmode,
+                                                        boost::system::error_code&) noexcept override {
+        return std::make_shared<std::istream>(nullptr);
+    }
+    std::shared_ptr<std::ostream> createOutputStreamImpl(const std::u16string&,
+                                                         std::ios_base::openmode,
+                                                         boost::system::error_code&) noexcept override {
+        return std::make_shared<std::ostream>(nullptr);
+    }
+};
+struct BadStreams : PackageFixture<BadStreamOps> {};
+
+TEST_F(BadStreams, AreReportedAsInvalidState) {
+    write({{"a.bin", "A"}});
+    IPhysicalPart* part = findPart(open(OpenMode::ReadWrite), u"/a.bin");
+    EXPECT_OPC_EXCEPTION(part->getInputStream(), "Input stream is in an invalid state", emptyCode());
+    EXPECT_OPC_EXCEPTION(part->getOutputStream(), "Output stream is in an invalid state", emptyCode());
+    EXPECT_TRUE(fsPart(part).isUnwritten());
+}
+
+TEST_F(Streams, EveryByteValueRoundTrips) {
+    std::string bytes;
+    for (int i = 0; i < 256; ++i) bytes += static_cast<char>(i);
+    bytes += std::string(bytes.rbegin(), bytes.rend()) + "\r\n\n\r\x1a";
+    writeAll(create(open(OpenMode::Create), u"/bytes.bin")->getOutputStream(), bytes);
+    package->close(false);
+    EXPECT_EQ(readFile(dir.path() / "pkg" / "bytes.bin"), bytes);
+    EXPECT_EQ(readAll(findPart(open(OpenMode::Read), u"/bytes.bin")->getInputStream(), 7), bytes);
+}
+
+TEST_F(Streams, HundredMebibytePartRoundTripsInPieces) {
+    constexpr std::size_t kPiece = 64 * 1024, kPieces = 1600;
+    // A different sequence for every piece: a lost, repeated or reordered piece shows.
+    const auto fill = [](std::string& piece, std::size_t index) {
+        std::minstd_rand random(static_cast<std::minstd_rand::result_type>(index + 1));
+        for (char& byte : piece) byte = static_cast<char>(random() >> 7);
+    };
+    std::string piece(kPiece, '\0'), expected(kPiece, '\0');
+    IPhysicalOutputStream* out = create(open(OpenMode::Create), u"/big.bin")->getOutputStream();
+    for (std::size_t i = 0; i < kPieces; ++i) {
+        fill(piece, i);
+        out->write(piece.data(), kPiece);
+    }
+    EXPECT_FALSE(out->isFailed());
+    package->close(false);
+    IPhysicalInputStream* in = findPart(open(OpenMode::Read), u"/big.bin")->getInputStream();
+    std::size_t i = 0;
+    for (; i < kPieces; ++i) {
+        fill(expected, i);
+        if (in->read(piece.data(), kPiece) != static_cast<std::streamsize>(kPiece) || piece != expected) break;
+    }
+    EXPECT_EQ(i, kPieces) << "first bad piece";
+    EXPECT_EQ(in->read(piece.data(), 1), 0);
+    EXPECT_TRUE(in->isAtEnd());
+}
+
+// Each corpus package, unzipped into a folder, reads back as exactly its ZIP
+// entries: the same names with "/" in front, the same bytes.
+struct CorpusRead : ::testing::TestWithParam<std::filesystem::path> {};
+
+TEST_P(CorpusRead, PackageReadsAsItsZipEntries) {
+    TempDir dir;
+    unzipToFolder(GetParam(), dir.path() / "pkg");
+    const TreeSnapshot unzipped = snapshotTree(dir.path());
+    std::map<std::u16string, std::string> expected;
+    for (const auto& [name, bytes] : readZipEntries(GetParam())) expected.emplace(u"/" + fromUtf8(name), bytes);
+    FileSystemPhysicalPackage package(dir.u16("pkg"));
+    ASSERT_NO_THROW(package.open(OpenMode::Read));
+    std::map<std::u16string, std::string> read{{kContentTypes, readAll(package.getContentTypeInputStream())}};
+    for (IPhysicalPart* part : package.getParts()) {
+        EXPECT_TRUE(read.emplace(part->getName(), readAll(part->getInputStream(), 1000)).second)
+            << "listed twice: " << toUtf8(part->getName());
+    }
+    EXPECT_TRUE(read == expected) << read.size() << " parts read, " << expected.size() << " entries";
+    package.close(false);
+    EXPECT_EQ(snapshotTree(dir.path()), unzipped);
+}
+
+TEST(CorpusReadSet, CorpusIsThere) { EXPECT_GE(corpusPackages().size(), 10u); }
+std::string corpusName(const ::testing::TestParamInfo<std::filesystem::path>& param) {
+    std::string name = param.param.filename();
+    for (char& c : name) c = std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
+    return name;
+}
+INSTANTIATE_TEST_SUITE_P(Corpus, CorpusRead, ::testing::ValuesIn(corpusPackages()), corpusName);
+
+}  // namespace
+}  // namespace opc::test
