@@ -7,13 +7,13 @@
 // Every library repetition runs in a forked child, so that its peak resident
 // memory is its own; the memory check runs in a freshly executed copy of this
 // program. After one warm-up run of each side, repetitions of the library and
-// the baseline alternate, and each reported time is the median. Data lives in a fresh folder below --dir (the
-// system's temporary folder by default) and is removed at the end.
+// the baseline alternate, and each reported time is the median. Data lives in
+// a fresh folder below --dir (the system's temporary folder by default) and is
+// removed at the end.
 //
 // Exit status: 0 when every workload ran and produced the expected result,
 // 1 when one failed. Missed speed targets are reported, not failed.
 
-#include <opccore/Exception.h>
 #include <opcfspackage/FileSystemPartInfo.h>
 #include <opcfspackage/FileSystemPhysicalPackage.h>
 
@@ -35,8 +35,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iostream>
-#include <numeric>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
@@ -81,8 +79,8 @@ std::runtime_error systemFailure(const std::string& what) {
     return std::runtime_error(what + ": " + std::strerror(errno));
 }
 
-// Bytes that differ from piece to piece position, so that no file is sparse
-// or trivially compressible; seed varies the content between versions.
+// Pseudo-random bytes, so that no file is sparse or trivially compressible;
+// another seed gives another content.
 std::vector<char> pattern(std::size_t size, unsigned seed = 0) {
     std::vector<char> bytes(size);
     std::uint32_t state = 0x9E3779B9u ^ seed;
@@ -384,8 +382,6 @@ Workload readWorkload(const fs::path& root, std::size_t bytes) {
         require(total == bytes, "read " + std::to_string(total) + " bytes");
     };
     w.baseline = [file] { return runCommand({"cat", file.string()}, false); };
-    w.afterLibrary = [](int) {};
-    w.afterBaseline = [] {};
     return w;
 }
 
