@@ -1,55 +1,144 @@
 #pragma once
 
-// A package folder with parts in nested folders, the changes the commit tests
-// make to it, and what its parent folder holds before and after the commit.
-// The parent folder holds nothing but the package, so a snapshot of it also
-// catches hidden folders a commit leaves beside the package.
+// A package folder with parts in nested folders and the changes the commit
+// tests make to it. Its parent folder holds nothing but the package, so a
+// snapshot of the parent also catches hidden folders left beside it.
 
+#include "support/FaultyFileSystemOps.h"
+#include "support/OpcAssertions.h"
+#include "support/StreamHelpers.h"
+#include "support/Strings.h"
+#include "support/TempDir.h"
 #include "support/TreeSnapshot.h"
 
+#include <opcfspackage/FileSystemPartInfo.h>
 #include <opcfspackage/FileSystemPhysicalPackage.h>
 
+#include <gtest/gtest.h>
+
 #include <filesystem>
-#include <map>
-#include <string>
+#include <memory>
+#include <optional>
+#include <set>
+#include <stdexcept>
 
 namespace opc::test::commit {
 
-// Relative file path -> bytes.
-using Files = std::map<std::string, std::string>;
+using opc::fspackage::FileSystemPartInfo;
+using opc::fspackage::FileSystemPhysicalPackage;
+using opc::interfaces::OpenMode;
+using Files = std::map<std::string, std::string>;  // relative path -> bytes
 
-// A snapshot of folder `top` holding files: every file plus every folder on
-// the way to it.
-TreeSnapshot treeOf(const std::string& top, const Files& files);
+inline std::string baseName(const std::u16string& path) { return std::filesystem::path(toUtf8(path)).filename(); }
 
-// The entries of snapshot below its top-level entry `top`, renamed to lie
-// below `as`. Empty when there is no such entry.
-TreeSnapshot subtree(const TreeSnapshot& snapshot, const std::string& top, const std::string& as);
+// Folder "pkg" holding files, with every folder on the way to them.
+inline TreeSnapshot treeOf(const Files& files) {
+    TreeSnapshot tree{{"pkg/", ""}};
+    for (const auto& [path, bytes] : files) {
+        for (auto end = path.find('/'); end != std::string::npos; end = path.find('/', end + 1)) {
+            tree["pkg/" + path.substr(0, end + 1)] = "";
+        }
+        tree["pkg/" + path] = bytes;
+    }
+    return tree;
+}
 
-// The top-level entry names of snapshot ("pkg", ".opc-0123..."), sorted.
-std::vector<std::string> topLevelNames(const TreeSnapshot& snapshot);
+// The entries below top-level entry `from`, moved below `to`.
+inline TreeSnapshot subtree(const TreeSnapshot& tree, const std::string& from, const std::string& to = "pkg") {
+    TreeSnapshot result;
+    for (const auto& [path, bytes] : tree) {
+        if (path.rfind(from + "/", 0) == 0) result[to + path.substr(from.size())] = bytes;
+    }
+    return result;
+}
 
-// Writes each file below folder, and nothing else.
-void writeFiles(const std::filesystem::path& folder, const Files& files);
+inline std::vector<std::string> topLevelNames(const TreeSnapshot& tree) {
+    std::set<std::string> names;
+    for (const auto& entry : tree) names.insert(entry.first.substr(0, entry.first.find('/')));
+    return {names.begin(), names.end()};
+}
 
-// The sample package: changed, deleted and unchanged parts in nested folders,
-// a "[trash]" folder and an empty folder.
-Files sampleFiles();
-// Writes the sample package at parent/pkg; returns the snapshot of parent.
-TreeSnapshot writeSamplePackage(const std::filesystem::path& parent);
-// On the open (ReadWrite) sample package: rewrites /word/document.xml,
-// deletes /docProps/core.xml and /custom/item.xml, creates /new/added.xml
-// (written) and /new/deeper/unwritten.xml (never written), and leaves an
-// input stream of /word/styles.xml open.
-void applySampleChanges(opc::fspackage::FileSystemPhysicalPackage& package);
-// The snapshot of parent after the sample changes were committed.
-TreeSnapshot sampleAfterCommit();
+// Changed, deleted and unchanged parts in nested folders, and a [trash] part.
+inline Files sampleFiles() {
+    return {{"[Content_Types].xml", "<Types/>"},
+            {"_rels/.rels", "<Relationships/>"},
+            {"word/document.xml", "old document"},
+            {"word/styles.xml", "<styles/>"},
+            {"word/media/image1.png", std::string("\x89PNG\r\n\x1a\n\0\0\0\rIHDR\xff", 18)},
+            {"docProps/core.xml", "<core/>"},
+            {"custom/item.xml", "<item/>"},
+            {"a/b/c/deep.xml", "deep"},
+            {"[trash]/discarded.xml", "discarded"}};
+}
 
-// The part of that name among getParts(); throws std::runtime_error when
-// there is none.
-opc::interfaces::IPhysicalPart* findPart(opc::interfaces::IPhysicalPackage& package, const std::u16string& name);
+// The sample after Sample::change() was committed: no deleted part, no
+// [trash], no empty folder.
+inline TreeSnapshot sampleAfterCommit() {
+    Files files = sampleFiles();
+    for (const char* gone : {"docProps/core.xml", "custom/item.xml", "[trash]/discarded.xml"}) files.erase(gone);
+    files["word/document.xml"] = "new document";
+    files["new/added.xml"] = "added";
+    files["new/deeper/unwritten.xml"] = "";
+    return treeOf(files);
+}
 
 // How many of this process's file descriptors lie on a file below folder.
-int openFilesBelow(const std::filesystem::path& folder);
+inline int openFilesBelow(const std::filesystem::path& folder) {
+    const std::string prefix = std::filesystem::canonical(folder).native() + "/";
+    int count = 0;
+    for (const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;  // a descriptor may close while listed
+        count += std::filesystem::read_symlink(fd, gone).native().rfind(prefix, 0) == 0;
+    }
+    return count;
+}
+
+// The sample package, with an empty folder besides, at dir/pkg, seen through ops.
+struct Sample {
+    Sample() {
+        for (const auto& [path, bytes] : sampleFiles()) writeFile(dir.path() / "pkg" / path, bytes);
+        std::filesystem::create_directories(dir.path() / "pkg/emptyFolder");
+        original = after();
+    }
+    TreeSnapshot after() const { return snapshotTree(dir.path()); }
+
+    TempDir dir;
+    TreeSnapshot original;
+    FaultyFileSystemOps ops;
+    std::unique_ptr<FileSystemPhysicalPackage> package =
+        std::make_unique<FileSystemPhysicalPackage>(dir.u16("pkg"), ops);
+    std::u16string temp;
+
+    // Opens, makes the sample changes when asked, and restarts the call record.
+    void open(OpenMode mode = OpenMode::ReadWrite, bool changed = true) {
+        package->open(mode);
+        temp = package->getTempPackageRoot();
+        if (changed) change();
+        ops.clearCalls();
+    }
+    opc::interfaces::IPhysicalPart* part(const std::u16string& name) {
+        for (auto* part : package->getParts()) {
+            if (part->getName() == name) return part;
+        }
+        throw std::runtime_error("no part " + toUtf8(name));
+    }
+    // Rewrites /word/document.xml, deletes two parts, creates /new/added.xml
+    // (written) and /new/deeper/unwritten.xml (never written), and leaves an
+    // input stream of /word/styles.xml open.
+    void change() {
+        char head[3];
+        part(u"/word/styles.xml")->getInputStream()->read(head, 3);
+        writeAll(part(u"/word/document.xml")->getOutputStream(), "new document");
+        package->deletePart(u"/docProps/core.xml");
+        package->deletePart(u"/custom/item.xml");
+        writeAll(package->createPart(u"/new/added.xml", u"", FileSystemPartInfo())->getOutputStream(), "added");
+        package->createPart(u"/new/deeper/unwritten.xml", u"", FileSystemPartInfo());
+    }
+    void expectClosedAndReleased() {
+        EXPECT_FALSE(package->isOpen());
+        EXPECT_EQ(package->getTempPackageRoot(), u"");
+        EXPECT_EQ(openFilesBelow(dir.path()), 0);
+    }
+};
 
 }  // namespace opc::test::commit
