@@ -1,12 +1,22 @@
 #pragma once
 
-#include <opccore/FileSystemOps.h>
+#include "Commands.h"
+#include "support/TempDir.h"
+#include "support/TreeSnapshot.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <cstdint>
-#include <filesystem>
-#include <optional>
+#include <cstdlib>
+#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
+
+#ifndef OPCDIR_PATH
+#error "OPCDIR_PATH must name the opcdir binary"
+#endif
 
 namespace opc::test {
 
@@ -16,50 +26,91 @@ struct RunResult {
     std::string err;
 };
 
+inline std::string shellQuoted(const std::string& word) {
+    std::string out = "'";
+    for (const char c : word) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return out + "'";
+}
+
 // Runs the built opcdir binary in folder `in` with these arguments and
 // standard input.
-RunResult runOpcdir(const std::filesystem::path& in,
-                    const std::vector<std::string>& arguments,
-                    const std::string& input = "");
+inline RunResult runOpcdir(const std::filesystem::path& in,
+                           const std::vector<std::string>& arguments,
+                           const std::string& input = "") {
+    TempDir io;
+    writeFile(io.path() / "in", input);
+    std::string command = "cd " + shellQuoted(in.string()) + " && " + shellQuoted(OPCDIR_PATH);
+    for (const std::string& argument : arguments) command += " " + shellQuoted(argument);
+    command += " <" + shellQuoted((io.path() / "in").string()) + " >" + shellQuoted((io.path() / "out").string()) +
+               " 2>" + shellQuoted((io.path() / "err").string());
+    const int status = std::system(command.c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(io.path() / "out"), readFile(io.path() / "err")};
+}
+
+// Runs the binary in `in` and expects a refusal: this status, exactly
+// "opcdir: <message>" on standard error, nothing on standard output and
+// nothing changed below `in`.
+inline void expectRefused(const std::filesystem::path& in,
+                          const std::vector<std::string>& arguments,
+                          const std::string& message,
+                          int status = 1) {
+    const TreeSnapshot before = snapshotTree(in);
+    const RunResult result = runOpcdir(in, arguments);
+    EXPECT_EQ(result.status, status);
+    EXPECT_EQ(result.err, "opcdir: " + message + "\n");
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(snapshotTree(in), before);
+}
 
 // Runs the same commands in this process, every package going through
-// fileSystem; relative paths are taken against the current folder.
-// errIsTerminal makes the commands take standard error for a terminal.
-RunResult runOpcdirWith(opc::FileSystemOps& fileSystem,
-                        const std::vector<std::string>& arguments,
-                        const std::string& input = "",
-                        bool errIsTerminal = false);
+// fileSystem.
+inline RunResult runOpcdirWith(opc::FileSystemOps& fileSystem, const std::vector<std::string>& arguments) {
+    std::istringstream in;
+    std::ostringstream out;
+    std::ostringstream err;
+    opcdir::Io io{in, out, err, false};
+    const int status = opcdir::run(arguments, io, fileSystem);
+    return {status, out.str(), err.str()};
+}
 
-// A ZIP entry written byte by byte, so that tests can make archives no ZIP
-// library would: NUL or ".." in names, duplicates, sizes that lie.
-struct RawEntry {
-    std::string name;
-    std::string data;  // stored as is (method 0)
-};
-std::string rawZip(const std::vector<RawEntry>& entries);
+inline std::string littleEndian(std::uint32_t value, int bytes) {
+    std::string out;
+    for (int i = 0; i < bytes; ++i) out += static_cast<char>((value >> (8 * i)) & 0xff);
+    return out;
+}
 
-// An archive made by libzip of these entries, each deflated at the highest
-// level.
-std::string deflatedZip(const std::vector<std::pair<std::string, std::string>>& entries);
+// Stored entries written byte by byte, so that tests can make archives no ZIP
+// library would: NUL or ".." in names, duplicates.
+inline std::string rawZip(const std::vector<std::pair<std::string, std::string>>& entries) {
+    const auto le = littleEndian;
+    std::string body;
+    std::string directory;
+    for (const auto& [name, data] : entries) {
+        std::uint32_t crc = ~0u;
+        for (const char c : data) {
+            crc ^= static_cast<unsigned char>(c);
+            for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xedb88320u & (0u - (crc & 1u)));
+        }
+        const auto size = static_cast<std::uint32_t>(data.size());
+        // Version 2.0, no flags, stored, dated 1980-01-01.
+        const std::string fields = le(20, 2) + std::string(6, '\0') + le(0x21, 2) + le(~crc, 4) + le(size, 4) +
+                                   le(size, 4) + le(static_cast<std::uint32_t>(name.size()), 2) + le(0, 2);
+        directory += "PK\1\2" + le(20, 2) + fields + std::string(10, '\0') +
+                     le(static_cast<std::uint32_t>(body.size()), 4) + name;
+        body += "PK\3\4" + fields + name + data;
+    }
+    const auto count = static_cast<std::uint32_t>(entries.size());
+    return body + directory + "PK\5\6" + le(0, 4) + le(count, 2) + le(count, 2) +
+           le(static_cast<std::uint32_t>(directory.size()), 4) + le(static_cast<std::uint32_t>(body.size()), 4) +
+           le(0, 2);
+}
 
-// Rewrites the uncompressed size that the local header and the central
-// directory declare for the entry called name.
-void setDeclaredSize(std::string& archive, const std::string& name, std::uint32_t size);
-
-// One central-directory record of an archive.
-struct DirectoryRecord {
-    std::string name;
-    std::uint16_t madeBy = 0;
-    std::uint16_t flags = 0;
-    std::uint16_t method = 0;
-    std::uint16_t dosTime = 0;
-    std::uint16_t dosDate = 0;
-    std::uint32_t externalAttributes = 0;
-    std::string extra;
-    std::string localExtra;  // the extra field of the entry's local header
-};
-std::vector<DirectoryRecord> centralDirectory(const std::string& archive);
-
-void writeBytes(const std::filesystem::path& path, const std::string& bytes);
+// Makes both headers of the entry called name declare this uncompressed size.
+inline void setDeclaredSize(std::string& archive, const std::string& name, std::uint32_t size) {
+    for (std::size_t at = archive.find(name); at != std::string::npos; at = archive.find(name, at + 1)) {
+        if (at >= 30 && archive.compare(at - 30, 4, "PK\3\4") == 0) archive.replace(at - 8, 4, littleEndian(size, 4));
+        if (at >= 46 && archive.compare(at - 46, 4, "PK\1\2") == 0) archive.replace(at - 22, 4, littleEndian(size, 4));
+    }
+}
 
 }  // namespace opc::test
