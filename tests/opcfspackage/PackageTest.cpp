@@ -265,6 +265,19 @@ TEST_F(Registry, DeletePartDropsOnlyUnchangedPartsAndOnlyFromMemory) {
     EXPECT_EQ(snapshotTree(dir.path()), original);
 }
 
+// The request marks the package changed before its lookup can fail, and the
+// mark holds into the next open, whose close then commits: the folder is
+// rebuilt from its parts, so the empty folder goes.
+TEST_F(Registry, ContentTypeOutputRequestMarksChangeEvenWhenItFails) {
+    write({{"a.xml", "A"}});
+    std::filesystem::create_directories(dir.path() / "pkg" / "empty");
+    open(-2);
+    EXPECT_OPC_EXCEPTION(package->getContentTypeOutputStream(), kNoContentTypes, emptyCode());
+    package->open(OpenMode::ReadWrite);
+    package->close(false);
+    EXPECT_EQ(tree(dir.path()), "pkg/ pkg/[Content_Types].xml=<Types/> pkg/a.xml=A");
+}
+
 TEST_F(Registry, CreatePartRefusesInvalidNamesAndExistingFiles) {
     write({{"a.xml", "A"}});
     open(OpenMode::ReadWrite);
