@@ -28,11 +28,7 @@ FileSystemPart::FileSystemPart(FileSystemPhysicalPackage* owner,
                                const std::u16string& partName,
                                const std::u16string& partContentType,
                                const opc::interfaces::OpenMode& mode)
-    : package(owner),
-      name(partName),
-      relativePath(partName.substr(1)),
-      contentType(partContentType),
-      openMode(mode) {
+    : package(owner), name(partName), relativePath(partName.substr(1)), contentType(partContentType), openMode(mode) {
     if (!isValidPartName(name)) fail("Invalid part name");
     switch (openMode) {
         case opc::interfaces::Read:
@@ -40,10 +36,10 @@ FileSystemPart::FileSystemPart(FileSystemPhysicalPackage* owner,
             if (!package->getFSImpl().exists(package->getPartPath(*this))) fail("Cannot read. File does not exist.");
             break;
         case opc::interfaces::Create:
-            if (package->getFSImpl().exists(package->getTempPartPath(*this))) fail("Cannot create. File already exists.");
+            if (package->getFSImpl().exists(package->getTempPartPath(*this)))
+                fail("Cannot create. File already exists.");
             break;
-        default:
-            break;
+        default: break;
     }
 }
 

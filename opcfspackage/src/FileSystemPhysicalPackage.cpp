@@ -56,7 +56,9 @@ std::int32_t valueOf(const OpenMode& mode) { return static_cast<std::int32_t>(mo
 
 bool readsFolder(const OpenMode& mode) { return (valueOf(mode) & ~2) == 0; }  // Read or ReadWrite
 
-bool stagesChanges(const OpenMode& mode) { return valueOf(mode) == OpenMode::Create || valueOf(mode) == OpenMode::ReadWrite; }
+bool stagesChanges(const OpenMode& mode) {
+    return valueOf(mode) == OpenMode::Create || valueOf(mode) == OpenMode::ReadWrite;
+}
 
 const std::u16string kTrashPrefix = u"/[trash]";
 
@@ -119,7 +121,7 @@ void FileSystemPhysicalPackage::open(const OpenMode& mode) {
         }
         if (valueOf(mode) == OpenMode::Create) {
             static_cast<opc::interfaces::IPhysicalPackage*>(this)->createPart(contentTypesPartName, std::u16string(),
-                                                                             FileSystemPartInfo());
+                                                                              FileSystemPartInfo());
         }
     }
     opened = true;
@@ -127,7 +129,8 @@ void FileSystemPhysicalPackage::open(const OpenMode& mode) {
 
 void FileSystemPhysicalPackage::readParts(const OpenMode& mode) {
     if (!fileSystemOps.exists(packageRoot) || !fileSystemOps.isFolder(packageRoot)) {
-        fail("Package does not exist", boost::system::errc::make_error_code(boost::system::errc::no_such_file_or_directory));
+        fail("Package does not exist",
+             boost::system::errc::make_error_code(boost::system::errc::no_such_file_or_directory));
     }
     std::vector<std::u16string> files;
     fileSystemOps.getFiles(packageRoot, files, true);

@@ -111,7 +111,8 @@ bool FaultyFileSystemOps::isFolderImpl(const std::u16string& path) {
     return LocalFileSystemOps::isFolderImpl(path);
 }
 
-void FaultyFileSystemOps::getFilesImpl(const std::u16string& folder, std::vector<std::u16string>& files,
+void FaultyFileSystemOps::getFilesImpl(const std::u16string& folder,
+                                       std::vector<std::u16string>& files,
                                        bool recursive) {
     enterThrowing(Hook::GetFiles, folder);
     LocalFileSystemOps::getFilesImpl(folder, files, recursive);
@@ -130,9 +131,8 @@ void FaultyFileSystemOps::createFoldersImpl(const std::u16string& path, boost::s
     LocalFileSystemOps::createFoldersImpl(path, errorCode);
 }
 
-std::shared_ptr<std::istream> FaultyFileSystemOps::createInputStreamImpl(const std::u16string& path,
-                                                                         std::ios_base::openmode openMode,
-                                                                         boost::system::error_code& errorCode) noexcept {
+std::shared_ptr<std::istream> FaultyFileSystemOps::createInputStreamImpl(
+    const std::u16string& path, std::ios_base::openmode openMode, boost::system::error_code& errorCode) noexcept {
     if (const int errorValue = enter(Hook::CreateInputStream, path)) {
         errorCode = injectedCode(errorValue);
         return nullptr;
@@ -140,9 +140,8 @@ std::shared_ptr<std::istream> FaultyFileSystemOps::createInputStreamImpl(const s
     return LocalFileSystemOps::createInputStreamImpl(path, openMode, errorCode);
 }
 
-std::shared_ptr<std::ostream> FaultyFileSystemOps::createOutputStreamImpl(const std::u16string& path,
-                                                                          std::ios_base::openmode openMode,
-                                                                          boost::system::error_code& errorCode) noexcept {
+std::shared_ptr<std::ostream> FaultyFileSystemOps::createOutputStreamImpl(
+    const std::u16string& path, std::ios_base::openmode openMode, boost::system::error_code& errorCode) noexcept {
     if (const int errorValue = enter(Hook::CreateOutputStream, path)) {
         errorCode = injectedCode(errorValue);
         return nullptr;

@@ -2,8 +2,8 @@
 
 #include <opccore/Exception.h>
 
-#include <boost/system/error_code.hpp>
 #include <gtest/gtest.h>
+#include <boost/system/error_code.hpp>
 
 #include <exception>
 #include <string>
@@ -13,7 +13,8 @@ namespace opc::test {
 // Whether statement throws opc::Exception with exactly this what() and this
 // code (value and category).
 template <class Statement>
-::testing::AssertionResult throwsOpcException(Statement&& statement, const std::string& message,
+::testing::AssertionResult throwsOpcException(Statement&& statement,
+                                              const std::string& message,
                                               const boost::system::error_code& code) {
     try {
         statement();

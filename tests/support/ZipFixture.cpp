@@ -27,8 +27,8 @@ ZipEntries readZipEntries(const std::filesystem::path& archive) {
         }
         std::string name = stat.name;
         if (!name.empty() && name.back() == '/') continue;
-        std::unique_ptr<zip_file_t, decltype(&zip_fclose)> file(zip_fopen_index(zip.get(), static_cast<zip_uint64_t>(i), 0),
-                                                                &zip_fclose);
+        std::unique_ptr<zip_file_t, decltype(&zip_fclose)> file(
+            zip_fopen_index(zip.get(), static_cast<zip_uint64_t>(i), 0), &zip_fclose);
         if (!file) throw std::runtime_error("cannot open entry " + name + " of " + archive.native());
         std::string bytes(stat.size, '\0');
         if (zip_fread(file.get(), bytes.data(), stat.size) != static_cast<zip_int64_t>(stat.size)) {
