@@ -135,8 +135,8 @@ const char kContentTypes[] =
 
 void writeContentTypes(const fs::path& package) {
     fs::create_directories(package);
-    writeFile(package / "[Content_Types].xml", std::vector<char>(std::begin(kContentTypes), std::end(kContentTypes) - 1),
-              sizeof kContentTypes - 1);
+    writeFile(package / "[Content_Types].xml",
+              std::vector<char>(std::begin(kContentTypes), std::end(kContentTypes) - 1), sizeof kContentTypes - 1);
 }
 
 // Part i of a package of small parts: 50 files to a folder, 20 folders to a
@@ -295,12 +295,12 @@ struct Workload {
     std::string name;
     std::string size;
     double target = 0;
-    bool writes = false;                   // sync() before every timed run, so no run pays for another's writeback
-    std::function<void(int)> library;      // runs in a forked child; the argument is the repetition
+    bool writes = false;               // sync() before every timed run, so no run pays for another's writeback
+    std::function<void(int)> library;  // runs in a forked child; the argument is the repetition
     std::function<Sample()> baseline;
     std::function<void(int)> afterLibrary;  // untimed: checks the result and tidies up
     std::function<void()> afterBaseline;
-    std::vector<fs::path> data;            // removed once the workload is done
+    std::vector<fs::path> data;  // removed once the workload is done
 };
 
 struct Row {
@@ -513,8 +513,8 @@ Workload createWorkload(const fs::path& root, std::size_t parts) {
         FileSystemPhysicalPackage created(widen(package.string()));
         created.open(opc::interfaces::Create);
         for (std::size_t i = 0; i < parts; ++i) {
-            IPhysicalPart* part = created.createPart(u"/" + widen(createdPartPath(i)), u"application/xml",
-                                                     FileSystemPartInfo());
+            IPhysicalPart* part =
+                created.createPart(u"/" + widen(createdPartPath(i)), u"application/xml", FileSystemPartInfo());
             opc::interfaces::IPhysicalOutputStream* out = part->getOutputStream();
             out->write(content.data(), kKiB);
             out->close();  // or every part would hold a descriptor until the commit
@@ -669,7 +669,8 @@ void printMachine(const fs::path& root, bool quick, int repetitions) {
     const long pages = ::sysconf(_SC_PHYS_PAGES);
     const long pageSize = ::sysconf(_SC_PAGESIZE);
     std::printf("machine:     %s, %ld cores, %.1f GiB memory\n", firstLineOf("/proc/cpuinfo", "model name").c_str(),
-                ::sysconf(_SC_NPROCESSORS_ONLN), static_cast<double>(pages) * static_cast<double>(pageSize) / (1024.0 * kMiB));
+                ::sysconf(_SC_NPROCESSORS_ONLN),
+                static_cast<double>(pages) * static_cast<double>(pageSize) / (1024.0 * kMiB));
     std::printf("system:      %s %s, data on %s\n", system.sysname, system.release, fileSystemType(root).c_str());
     std::printf("compiler:    %s%s\n", __VERSION__,
 #ifdef __OPTIMIZE__
@@ -685,7 +686,9 @@ void printMachine(const fs::path& root, bool quick, int repetitions) {
 double mebibytes(long kib) { return static_cast<double>(kib) / 1024.0; }
 
 void printTable(const std::vector<Row>& rows) {
-    std::printf("| workload | size | ours (s) | baseline (s) | ratio | target | ours peak RSS (MiB) | baseline peak RSS (MiB) |\n");
+    std::printf(
+        "| workload | size | ours (s) | baseline (s) | ratio | target | ours peak RSS (MiB) | baseline peak RSS (MiB) "
+        "|\n");
     std::printf("|---|---|---:|---:|---:|---:|---:|---:|\n");
     for (const Row& row : rows) {
         if (row.failed) {
@@ -706,11 +709,12 @@ void printMemory(const MemoryResult& memory) {
     const long grown = memory.peakKiB - memory.startKiB;
     const double perPart = static_cast<double>(grown) * 1024.0 / static_cast<double>(memory.parts);
     const bool met = memory.peakKiB < 64 * 1024 && perPart <= 600;
-    std::printf("\nmemory: open(Read) + getParts() + close of %zu parts in a fresh process: %.3f s, "
-                "RSS before %.1f MiB, peak %.1f MiB, %.0f bytes per part (target: peak < 64 MiB, <= 600 bytes "
-                "per part) %s\n",
-                memory.parts, memory.seconds, mebibytes(memory.startKiB), mebibytes(memory.peakKiB), perPart,
-                met ? "met" : "MISSED");
+    std::printf(
+        "\nmemory: open(Read) + getParts() + close of %zu parts in a fresh process: %.3f s, "
+        "RSS before %.1f MiB, peak %.1f MiB, %.0f bytes per part (target: peak < 64 MiB, <= 600 bytes "
+        "per part) %s\n",
+        memory.parts, memory.seconds, mebibytes(memory.startKiB), mebibytes(memory.peakKiB), perPart,
+        met ? "met" : "MISSED");
 }
 
 // ---- Main ---------------------------------------------------------------------------

@@ -286,13 +286,10 @@ enum class EntryKind { File, Folder, Skip };
 
 EntryKind kindOf(int folderFd, const dirent& entry) {
     switch (entry.d_type) {
-        case DT_DIR:
-            return EntryKind::Folder;
+        case DT_DIR: return EntryKind::Folder;
         case DT_LNK:
-        case DT_UNKNOWN:
-            break;
-        default:
-            return EntryKind::File;
+        case DT_UNKNOWN: break;
+        default: return EntryKind::File;
     }
     struct stat info {};
     if (::fstatat(folderFd, entry.d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) return EntryKind::File;
@@ -301,7 +298,7 @@ EntryKind kindOf(int folderFd, const dirent& entry) {
     // A link to a folder is not entered, so a link cycle cannot trap the
     // listing; nor is it listed, since it is no file.
     return ::fstatat(folderFd, entry.d_name, &info, 0) == 0 && S_ISDIR(info.st_mode) ? EntryKind::Skip
-                                                                                       : EntryKind::File;
+                                                                                     : EntryKind::File;
 }
 
 struct PendingFolder {
@@ -318,7 +315,8 @@ void appendChildPath(std::u16string& path, const std::u16string& prefix, std::st
 }
 
 // Reads one folder; its files go to files, its subfolders to pending.
-error_code listFolder(const PendingFolder& folder, std::vector<std::u16string>& files,
+error_code listFolder(const PendingFolder& folder,
+                      std::vector<std::u16string>& files,
                       std::vector<PendingFolder>* pending) {
     const int fd = ::open(folder.native.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) return lastError();
@@ -336,9 +334,7 @@ error_code listFolder(const PendingFolder& folder, std::vector<std::u16string>& 
         const std::string_view name(entry->d_name);
         if (name == "." || name == "..") continue;
         switch (kindOf(fd, *entry)) {
-            case EntryKind::File:
-                appendChildPath(files.emplace_back(), folder.prefix, name);
-                break;
+            case EntryKind::File: appendChildPath(files.emplace_back(), folder.prefix, name); break;
             case EntryKind::Folder:
                 if (pending != nullptr) {
                     PendingFolder& child = pending->emplace_back();
@@ -347,8 +343,7 @@ error_code listFolder(const PendingFolder& folder, std::vector<std::u16string>& 
                     appendChildPath(child.prefix, folder.prefix, name);
                 }
                 break;
-            case EntryKind::Skip:
-                break;
+            case EntryKind::Skip: break;
         }
     }
 }
@@ -389,8 +384,8 @@ error_code copyFile(const std::u16string& from, const std::u16string& to, Exists
 
     const bool mustBeNew = existsMode != ExistsMode::Overwrite;
     Descriptor destination;
-    error_code code = openFile(to, O_WRONLY | O_CREAT | (mustBeNew ? O_EXCL : 0), destination,
-                               sourceInfo.st_mode & 0777);
+    error_code code =
+        openFile(to, O_WRONLY | O_CREAT | (mustBeNew ? O_EXCL : 0), destination, sourceInfo.st_mode & 0777);
     if (code == error_code(EEXIST, boost::system::system_category()) && existsMode == ExistsMode::Skip) return {};
     if (code) return code;
 
@@ -453,7 +448,8 @@ std::u16string LocalFileSystemOps::appendPathImpl(const std::u16string& folder, 
 }
 
 std::u16string LocalFileSystemOps::normalizePathImpl(const std::u16string& path) {
-    const std::u16string absolute = !path.empty() && path.front() == u'/' ? path : LocalFileSystemOps::appendPathImpl(currentFolder(), path);
+    const std::u16string absolute =
+        !path.empty() && path.front() == u'/' ? path : LocalFileSystemOps::appendPathImpl(currentFolder(), path);
     std::vector<std::u16string_view> segments;
     const std::u16string_view rest(absolute);
     for (std::size_t start = 0; start < rest.size();) {
@@ -494,7 +490,8 @@ std::u16string LocalFileSystemOps::getTempNameImpl(const std::u16string& folder)
         for (int shift = 60; shift >= 0; shift -= 4) name += u"0123456789abcdef"[(bits >> shift) & 0xF];
         std::u16string candidate = LocalFileSystemOps::appendPathImpl(folder, name);
         std::string native;
-        if (error_code code = nativePath(candidate, native)) fail("Cannot make a temporary name in " + display(folder), code);
+        if (error_code code = nativePath(candidate, native))
+            fail("Cannot make a temporary name in " + display(folder), code);
         struct stat info {};
         if (::lstat(native.c_str(), &info) != 0) {
             if (errno == ENOENT || errno == ENOTDIR) return candidate;
@@ -515,10 +512,12 @@ bool LocalFileSystemOps::isFolderImpl(const std::u16string& path) {
     return !nativePath(path, native) && isFolderNative(native);
 }
 
-void LocalFileSystemOps::getFilesImpl(const std::u16string& folder, std::vector<std::u16string>& files,
+void LocalFileSystemOps::getFilesImpl(const std::u16string& folder,
+                                      std::vector<std::u16string>& files,
                                       bool recursive) {
     std::vector<PendingFolder> pending(1);
-    if (error_code code = nativePath(folder, pending.front().native)) fail("Cannot list folder " + display(folder), code);
+    if (error_code code = nativePath(folder, pending.front().native))
+        fail("Cannot list folder " + display(folder), code);
     pending.front().prefix = folder;
     while (!pending.empty()) {
         const PendingFolder current = std::move(pending.back());
@@ -555,9 +554,8 @@ std::shared_ptr<std::istream> LocalFileSystemOps::createInputStreamImpl(const st
     return stream;
 }
 
-std::shared_ptr<std::ostream> LocalFileSystemOps::createOutputStreamImpl(const std::u16string& path,
-                                                                         std::ios_base::openmode openMode,
-                                                                         boost::system::error_code& errorCode) noexcept {
+std::shared_ptr<std::ostream> LocalFileSystemOps::createOutputStreamImpl(
+    const std::u16string& path, std::ios_base::openmode openMode, boost::system::error_code& errorCode) noexcept {
     std::shared_ptr<std::ostream> stream;
     reportInto(errorCode, [&] {
         int flags = 0;
@@ -577,11 +575,13 @@ std::shared_ptr<std::ostream> LocalFileSystemOps::createOutputStreamImpl(const s
 }
 
 void LocalFileSystemOps::copyImpl(const std::u16string& from, const std::u16string& to, ExistsMode existsMode) {
-    if (error_code code = copyFile(from, to, existsMode)) fail("Cannot copy " + display(from) + " to " + display(to), code);
+    if (error_code code = copyFile(from, to, existsMode))
+        fail("Cannot copy " + display(from) + " to " + display(to), code);
 }
 
 void LocalFileSystemOps::renameImpl(const std::u16string& from, const std::u16string& to) {
-    if (error_code code = renameNoReplace(from, to)) fail("Cannot rename " + display(from) + " to " + display(to), code);
+    if (error_code code = renameNoReplace(from, to))
+        fail("Cannot rename " + display(from) + " to " + display(to), code);
 }
 
 void LocalFileSystemOps::removeAllImpl(const std::u16string& path) {
