@@ -1,0 +1,57 @@
+#pragma once
+
+#include <opccore/Exception.h>
+#include <opccore/LocalFileSystemOps.h>
+
+#include "support/OpcAssertions.h"
+#include "support/Strings.h"
+#include "support/TempDir.h"
+#include "support/TreeSnapshot.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <iterator>
+#include <string>
+#include <tuple>
+#include <vector>
+
+namespace opc::test {
+
+namespace fs = std::filesystem;
+using opc::ExistsMode;
+using Ops = opc::LocalFileSystemOps;
+using Strings = std::vector<std::string>;
+
+inline const auto kIn = std::ios_base::in | std::ios_base::binary;
+inline const auto kOut = std::ios_base::out | std::ios_base::binary;
+
+// A fresh folder and a service working on it.
+struct Fixture : ::testing::Test {
+    TempDir dir;
+    Ops ops;
+};
+
+// The message and code of the opc::Exception that call throws; fails the test
+// when it throws nothing.
+template <class Call>
+std::pair<std::string, boost::system::error_code> caught(Call&& call) {
+    try {
+        call();
+    } catch (const opc::Exception& e) {
+        return {e.what(), e.code()};
+    }
+    ADD_FAILURE() << "nothing was thrown";
+    return {};
+}
+
+// The throwing forms' message: "Cannot <operation> "<path>"[ to "<second>"]".
+inline std::string message(const std::string& operation, const std::u16string& path, const std::u16string& to = {}) {
+    return "Cannot " + operation + " \"" + toUtf8(path) + "\"" + (to.empty() ? "" : " to \"" + toUtf8(to) + "\"");
+}
+
+}  // namespace opc::test
