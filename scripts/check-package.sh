@@ -39,27 +39,9 @@ prefix="$work/prefix"
 jobs="$(nproc)"
 mkdir -p "$work/logs"
 
-passed=0
-failed=0
-failures=()
-
-# check NAME COMMAND...: runs the command with its output in a log, shown only
-# when it fails.
-check() {
-    local name="$1"
-    shift
-    local log
-    log="$work/logs/$(printf '%s' "$name" | tr -c 'A-Za-z0-9_.-' '_').log"
-    if "$@" >"$log" 2>&1; then
-        echo "PASS  $name: $(tail -n 1 "$log")"
-        passed=$((passed + 1))
-    else
-        echo "FAIL  $name (log follows)"
-        sed 's/^/    | /' "$log" | tail -n 80
-        failed=$((failed + 1))
-        failures+=("$name")
-    fi
-}
+check_log_dir="$work/logs"
+# shellcheck source=check-lib.sh
+source "$root/scripts/check-lib.sh"
 
 cache_value() { sed -n "s/^$1:[A-Z]*=//p" "$build/CMakeCache.txt"; }
 
@@ -212,20 +194,11 @@ check_format() {
     [ "$bad" -eq 0 ]
 }
 
-summary() {
-    if [ "$failed" -eq 0 ]; then
-        echo "check-package: all $passed checks passed"
-    else
-        echo "check-package: $failed of $((passed + failed)) checks FAILED: $(printf '[%s] ' "${failures[@]}")"
-    fi
-    [ "$failed" -eq 0 ]
-}
-
 check "configure and build (RelWithDebInfo, libraries and tools)" configure_and_build
 [ "$failed" -eq 0 ] && check "install into a temporary prefix" cmake --install "$build"
 if [ "$failed" -ne 0 ]; then
     echo "check-package: nothing to check without a build and an install"
-    summary
+    check_summary check-package
     exit 1
 fi
 check "installed files, versions and SONAMEs" check_installed_files
@@ -243,4 +216,4 @@ if [ "$format" -eq 1 ]; then
     check "clang-format leaves every C++ file as it is" check_format
 fi
 
-summary
+check_summary check-package

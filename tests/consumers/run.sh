@@ -27,26 +27,9 @@ cxx="${CXX:-c++}"
 # The installed libraries' pkg-config files, before any the system has.
 export PKG_CONFIG_PATH="$(find "$prefix" -type d -name pkgconfig -path '*/lib*' | head -n 1)${PKG_CONFIG_PATH:+:$PKG_CONFIG_PATH}"
 
-passed=0
-failed=0
-failures=()
-
-# check NAME COMMAND...: runs the command with its output in a log, shown only
-# when it fails.
-check() {
-    local name="$1"
-    shift
-    local log="$work/$(echo "$name" | tr -c 'A-Za-z0-9_.-' '_').log"
-    if "$@" >"$log" 2>&1; then
-        echo "PASS  $name"
-        passed=$((passed + 1))
-    else
-        echo "FAIL  $name (log follows)"
-        sed 's/^/    | /' "$log" | tail -n 60
-        failed=$((failed + 1))
-        failures+=("$name")
-    fi
-}
+check_log_dir="$work"
+# shellcheck source=../../scripts/check-lib.sh
+source "$source_dir/scripts/check-lib.sh"
 
 # run_consumer PROGRAM: runs it on a fresh empty folder.
 run_consumer() {
@@ -103,5 +86,4 @@ check "pkg-config: build with \`pkg-config --cflags --libs opcfspackage\`" \
            \$(pkg-config --cflags --libs opcfspackage) -Wl,-rpath,\"\$(pkg-config --variable=libdir opcfspackage)\""
 check "pkg-config: consumer writes and commits a package" run_consumer "$pc/consumer"
 
-echo "consumers: $passed passed, $failed failed${failures:+ (${failures[*]})}"
-[ "$failed" -eq 0 ]
+check_summary consumers
