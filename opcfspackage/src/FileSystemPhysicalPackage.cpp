@@ -38,7 +38,10 @@ private:
 // The swap's renames and removals pass through here. Despite the name, one
 // attempt is made: a failure is reported to the caller at once, who undoes
 // what came before, rather than hidden behind waits.
-void retryOnPermissionDenied(const std::function<void()>& operation) { operation(); }
+// Takes the callable by value, as the swap's contract has it.
+void retryOnPermissionDenied(std::function<void()> operation) {  // NOLINT(performance-unnecessary-value-param)
+    operation();
+}
 
 void renameWithRetryOnPermissionDenied(opc::FileSystemOps& fileSystemOps, std::u16string& from, std::u16string& to) {
     retryOnPermissionDenied([&] { fileSystemOps.rename(from, to); });
@@ -104,11 +107,7 @@ void FileSystemPhysicalPackage::open(const OpenMode& mode) {
     // A failed open leaves its parts in `parts` and perhaps its temporary
     // folder; nothing else can put parts there while the package is closed.
     deleteParts(parts);
-    if (!tempPackageRoot.empty()) {
-        boost::system::error_code ignored;
-        fileSystemOps.removeAll(tempPackageRoot, ignored);
-        tempPackageRoot.clear();
-    }
+    discardTemporaryFolder();
 
     if (readsFolder(mode)) readParts(mode);
 
@@ -153,12 +152,17 @@ bool FileSystemPhysicalPackage::isOpen() const { return opened; }
 void FileSystemPhysicalPackage::cleanup() {
     deleteParts(changedParts);
     deleteParts(parts);
-    if (!tempPackageRoot.empty()) {
-        boost::system::error_code ignored;
-        fileSystemOps.removeAll(tempPackageRoot, ignored);
-        tempPackageRoot.clear();
-    }
+    discardTemporaryFolder();
     modified = false;
+}
+
+// A failed removal leaves a hidden folder beside the package, never a damaged
+// package, so it is not reported.
+void FileSystemPhysicalPackage::discardTemporaryFolder() {
+    if (tempPackageRoot.empty()) return;
+    boost::system::error_code ignored;
+    fileSystemOps.removeAll(tempPackageRoot, ignored);
+    tempPackageRoot.clear();
 }
 
 void FileSystemPhysicalPackage::deleteParts(PartMap& map) {

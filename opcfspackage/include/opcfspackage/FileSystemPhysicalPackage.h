@@ -118,6 +118,8 @@ private:
     void writeChangedParts();
     void copyUnchangedParts();
     void swapInTemporaryFolder();
+    // Removes the temporary folder, ignoring failure, and forgets it.
+    void discardTemporaryFolder();
     static void deleteParts(PartMap& map);
 
     opc::LocalFileSystemOps localFileSystemOps;
