@@ -215,7 +215,7 @@ private:
 };
 
 error_code openFile(const std::u16string& path, int flags, Descriptor& file, mode_t mode = 0666) {
-    std::string native;
+    std::string native{};
     if (error_code code = nativePath(path, native)) return code;
     const int fd = ::open(native.c_str(), flags | O_CLOEXEC, mode);
     if (fd < 0) return lastError();
@@ -223,10 +223,24 @@ error_code openFile(const std::u16string& path, int flags, Descriptor& file, mod
     return {};
 }
 
-error_code refuseFolder(const Descriptor& file) {
-    struct stat info {};
+// Only regular files are read: a folder answers EISDIR, and a FIFO, socket or
+// device ENXIO, the kernel's own answer when a name has no file behind it
+// that can be opened (a socket, a FIFO without reader, a device without
+// driver).
+error_code refuseIrregular(const struct stat& info) {
+    if (S_ISREG(info.st_mode)) return {};
+    return systemError(S_ISDIR(info.st_mode) ? EISDIR : ENXIO);
+}
+
+// A folder from someone else may hold a link to a file outside it, or a FIFO
+// or device that would block or never end. So a file to read is opened
+// without following a link in its last component (ELOOP) and without blocking,
+// and checked to be a regular file before blocking is turned back on.
+error_code openRegularFile(const std::u16string& path, int accessMode, Descriptor& file, struct stat& info) {
+    if (error_code code = openFile(path, accessMode | O_NOFOLLOW | O_NONBLOCK, file)) return code;
     if (::fstat(file.get(), &info) != 0) return lastError();
-    return S_ISDIR(info.st_mode) ? systemError(EISDIR) : error_code();
+    if (error_code code = refuseIrregular(info)) return code;
+    return ::fcntl(file.get(), F_SETFL, 0) == 0 ? error_code() : lastError();
 }
 
 // open(2) flags for the standard stream modes an output stream accepts.
@@ -265,14 +279,14 @@ error_code createFoldersNative(const std::string& native) {
 }
 
 error_code createFoldersAt(const std::u16string& path) {
-    std::string native;
+    std::string native{};
     if (error_code code = nativePath(path, native)) return code;
     if (native.empty()) return systemError(ENOENT);
     return createFoldersNative(native);
 }
 
 error_code removeAllAt(const std::u16string& path) {
-    std::string native;
+    std::string native{};
     if (error_code code = nativePath(path, native)) return code;
     std::error_code code;
     std::filesystem::remove_all(std::filesystem::path(native), code);
@@ -281,29 +295,32 @@ error_code removeAllAt(const std::u16string& path) {
     return code ? systemError(code.value()) : error_code();
 }
 
-// What a listing needs of an entry: is it a folder to enter, or a file?
+// What a listing does with an entry: enter a folder, list a regular file, and
+// pass over anything else. A link is never followed (its target may lie
+// outside, or make a cycle), and a FIFO, socket or device is no part.
 enum class EntryKind { File, Folder, Skip };
 
-EntryKind kindOf(int folderFd, const dirent& entry) {
+error_code kindOf(int folderFd, const dirent& entry, EntryKind& kind) {
+    kind = EntryKind::Skip;
     switch (entry.d_type) {
-        case DT_DIR: return EntryKind::Folder;
-        case DT_LNK:
-        case DT_UNKNOWN: break;
-        default: return EntryKind::File;
+        case DT_REG: kind = EntryKind::File; return {};
+        case DT_DIR: kind = EntryKind::Folder; return {};
+        case DT_UNKNOWN: break;  // some file systems leave the type to stat
+        default: return {};
     }
     struct stat info {};
-    if (::fstatat(folderFd, entry.d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) return EntryKind::File;
-    if (S_ISDIR(info.st_mode)) return EntryKind::Folder;
-    if (!S_ISLNK(info.st_mode)) return EntryKind::File;
-    // A link to a folder is not entered, so a link cycle cannot trap the
-    // listing; nor is it listed, since it is no file.
-    return ::fstatat(folderFd, entry.d_name, &info, 0) == 0 && S_ISDIR(info.st_mode) ? EntryKind::Skip
-                                                                                     : EntryKind::File;
+    if (::fstatat(folderFd, entry.d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) {
+        return errno == ENOENT ? error_code() : lastError();  // gone since it was read
+    }
+    if (S_ISREG(info.st_mode)) kind = EntryKind::File;
+    if (S_ISDIR(info.st_mode)) kind = EntryKind::Folder;
+    return {};
 }
 
 struct PendingFolder {
-    std::string native;
-    std::u16string prefix;
+    std::string native{};
+    std::u16string prefix{};
+    bool named = false;  // the folder the caller named, which may be a link
 };
 
 // prefix + "/" + name in one allocation: listings of many files spend more
@@ -318,7 +335,8 @@ void appendChildPath(std::u16string& path, const std::u16string& prefix, std::st
 error_code listFolder(const PendingFolder& folder,
                       std::vector<std::u16string>& files,
                       std::vector<PendingFolder>* pending) {
-    const int fd = ::open(folder.native.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    // A subfolder swapped for a link since it was listed is not entered.
+    const int fd = ::open(folder.native.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | (folder.named ? 0 : O_NOFOLLOW));
     if (fd < 0) return lastError();
     DIR* const stream = ::fdopendir(fd);
     if (stream == nullptr) {
@@ -333,7 +351,9 @@ error_code listFolder(const PendingFolder& folder,
         if (entry == nullptr) return errno == 0 ? error_code() : lastError();
         const std::string_view name(entry->d_name);
         if (name == "." || name == "..") continue;
-        switch (kindOf(fd, *entry)) {
+        EntryKind kind = EntryKind::Skip;
+        if (error_code code = kindOf(fd, *entry, kind)) return code;
+        switch (kind) {
             case EntryKind::File: appendChildPath(files.emplace_back(), folder.prefix, name); break;
             case EntryKind::Folder:
                 if (pending != nullptr) {
@@ -377,10 +397,8 @@ error_code copyContent(int source, int destination) {
 
 error_code copyFile(const std::u16string& from, const std::u16string& to, ExistsMode existsMode) {
     Descriptor source;
-    if (error_code code = openFile(from, O_RDONLY, source)) return code;
     struct stat sourceInfo {};
-    if (::fstat(source.get(), &sourceInfo) != 0) return lastError();
-    if (S_ISDIR(sourceInfo.st_mode)) return systemError(EISDIR);
+    if (error_code code = openRegularFile(from, O_RDONLY, source, sourceInfo)) return code;
 
     const bool mustBeNew = existsMode != ExistsMode::Overwrite;
     Descriptor destination;
@@ -501,14 +519,14 @@ std::u16string LocalFileSystemOps::getTempNameImpl(const std::u16string& folder)
 }
 
 bool LocalFileSystemOps::existsImpl(const std::u16string& path) {
-    std::string native;
+    std::string native{};
     // An access test resolves the path as stat() does but fills in nothing;
     // opening a package tests every part's file this way.
     return !nativePath(path, native) && ::faccessat(AT_FDCWD, native.c_str(), F_OK, AT_EACCESS) == 0;
 }
 
 bool LocalFileSystemOps::isFolderImpl(const std::u16string& path) {
-    std::string native;
+    std::string native{};
     return !nativePath(path, native) && isFolderNative(native);
 }
 
@@ -519,6 +537,7 @@ void LocalFileSystemOps::getFilesImpl(const std::u16string& folder,
     if (error_code code = nativePath(folder, pending.front().native))
         fail("Cannot list folder " + display(folder), code);
     pending.front().prefix = folder;
+    pending.front().named = true;
     while (!pending.empty()) {
         const PendingFolder current = std::move(pending.back());
         pending.pop_back();
@@ -543,8 +562,9 @@ std::shared_ptr<std::istream> LocalFileSystemOps::createInputStreamImpl(const st
     reportInto(errorCode, [&] {
         if (!(openMode & std::ios_base::in)) return systemError(EINVAL);
         Descriptor file;
-        if (error_code code = openFile(path, (openMode & std::ios_base::out) ? O_RDWR : O_RDONLY, file)) return code;
-        if (error_code code = refuseFolder(file)) return code;
+        struct stat info {};
+        if (error_code code = openRegularFile(path, (openMode & std::ios_base::out) ? O_RDWR : O_RDONLY, file, info))
+            return code;
         auto opened = std::make_shared<DescriptorStream<std::istream>>(file.get(), openMode);
         if (!opened->good()) return systemError(EIO);
         file.release();  // the stream's buffer owns it now

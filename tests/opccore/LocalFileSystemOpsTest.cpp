@@ -1,5 +1,7 @@
 #include "CoreTest.h"
 
+#include "support/IrregularEntries.h"
+
 #include <set>
 
 namespace opc::test {
@@ -9,6 +11,7 @@ using GetFiles = Fixture;
 using Folders = Fixture;
 using Streams = Fixture;
 using Messages = Fixture;
+using Strangers = Fixture;
 
 Strings listed(Ops& ops, const std::u16string& folder, bool recursive) {
     std::vector<std::u16string> files;
@@ -31,6 +34,32 @@ TEST_F(GetFiles, ListsFilesAtAnyDepthUnderTheFolderAsSpelledButNoFoldersOrFolder
     EXPECT_EQ(listed(ops, fromUtf8(root), true),
               (Strings{root + "/.hidden", root + "/[Content_Types].xml", root + "/word/media/deep/image.png"}));
     EXPECT_EQ(listed(ops, fromUtf8(root), false), (Strings{root + "/.hidden", root + "/[Content_Types].xml"}));
+    // The folder the caller names may itself be a link.
+    fs::create_directory_symlink(dir.path() / "pkg" / "word", dir.path() / "named");
+    EXPECT_EQ(listed(ops, dir.u16("named"), true), Strings{toUtf8(dir.u16("named/media/deep/image.png"))});
+}
+
+TEST_F(Strangers, OnlyRegularFilesAreListedReadOrCopiedAndNothingOutsideIsReached) {
+    const NoHang noHang;
+    writeFile(dir.path() / "pkg" / "a.xml", "A");
+    const std::vector<IrregularEntry> entries = makeIrregularEntries(dir.path() / "pkg" / "sub", dir.path() / "out");
+    fs::create_directories(dir.path() / "pkg" / "folder");
+    const TreeSnapshot before = snapshotTree(dir.path());
+    EXPECT_EQ(listed(ops, dir.u16("pkg"), true), Strings{toUtf8(dir.u16("pkg/a.xml"))});
+    std::vector<IrregularEntry> refused = entries;
+    refused.push_back({"../folder", EISDIR});
+    for (const IrregularEntry& entry : refused) {
+        SCOPED_TRACE(entry.name);
+        const std::u16string path = dir.u16("pkg/sub/" + entry.name);
+        for (const std::ios_base::openmode mode : {kIn, kIn | std::ios_base::out}) {
+            boost::system::error_code code;
+            EXPECT_EQ(ops.createInputStream(path, mode, code), nullptr);
+            EXPECT_EQ(code, systemCode(entry.openError));
+        }
+        EXPECT_OPC_EXCEPTION(ops.copy(path, dir.u16("copy"), ExistsMode::Overwrite),
+                             message("copy", path, dir.u16("copy")), systemCode(entry.openError));
+    }
+    EXPECT_EQ(snapshotTree(dir.path()), before);
 }
 
 TEST_F(Folders, GetTempNameGivesAHiddenFreshNameEachTimeAndMakesNothing) {

@@ -1,4 +1,5 @@
 #include "support/FaultyFileSystemOps.h"
+#include "support/IrregularEntries.h"
 #include "support/OpcAssertions.h"
 #include "support/StreamHelpers.h"
 #include "support/Strings.h"
@@ -15,6 +16,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <limits>
@@ -113,6 +115,7 @@ struct Registry : PackageFixture<> {};
 struct InputStream : PackageFixture<> {};
 struct OutputStream : PackageFixture<> {};
 struct Streams : PackageFixture<> {};
+struct Strangers : PackageFixture<> {};
 
 TEST_F(Open, SecondOpenKeepsFirstModePartsAndTemporaryFolder) {
     write({{"a.xml", "A"}, {"b/c.xml", "C"}});
@@ -428,6 +431,35 @@ TEST_F(OutputStream, FolderFailuresAreWrappedWithTheirCode) {
 
 // Hands out input streams that are bad from the start and output streams
 // over no file, which turn bad at the first write.
+TEST_F(Strangers, EntriesThatAreNoRegularFilesAreNoPartsAndACommitDropsThem) {
+    const NoHang noHang;
+    write({{"a.xml", "A"}, {"word/b.xml", "B"}});
+    makeIrregularEntries(dir.path() / "pkg" / "word", dir.path() / "outside");
+    const TreeSnapshot outside = snapshotTree(dir.path() / "outside");
+    open(OpenMode::ReadWrite);
+    EXPECT_EQ(partNames(*package), (Names{u"/a.xml", u"/word/b.xml"}));
+    writeAll(create(*package, u"/c.xml")->getOutputStream(), "C");
+    package->close(false);
+    EXPECT_EQ(tree(dir.path() / "pkg"), "[Content_Types].xml=<Types/> a.xml=A c.xml=C word/ word/b.xml=B");
+    EXPECT_EQ(snapshotTree(dir.path() / "outside"), outside);
+}
+
+TEST_F(Strangers, APartSwappedForALinkIsNeitherReadNorCopied) {
+    write({{"a.xml", "A"}, {"b.xml", "B"}});
+    writeFile(dir.path() / "secret", "outside");
+    open(OpenMode::ReadWrite);
+    std::filesystem::remove(dir.path() / "pkg" / "a.xml");
+    std::filesystem::create_symlink(dir.path() / "secret", dir.path() / "pkg" / "a.xml");
+    const TreeSnapshot before = snapshotTree(dir.path() / "pkg");
+    EXPECT_OPC_EXCEPTION(findPart(*package, u"/a.xml")->getInputStream(), kInputFailed, emptyCode());
+    writeAll(findPart(*package, u"/b.xml")->getOutputStream(), "B2");
+    EXPECT_OPC_EXCEPTION(package->close(false),
+                         "Could not copy original part to destination package: " + std::string(std::strerror(ELOOP)),
+                         systemCode(ELOOP));
+    EXPECT_EQ(snapshotTree(dir.path() / "pkg"), before);
+    EXPECT_EQ(listFolder(dir.path()), (std::vector<std::string>{"pkg", "secret"}));
+}
+
 struct BadStreamOps : FaultyFileSystemOps {
     using Code = boost::system::error_code;
     using Mode = std::ios_base::openmode;

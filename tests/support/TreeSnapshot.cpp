@@ -10,12 +10,14 @@ TreeSnapshot snapshotTree(const std::filesystem::path& root) {
     namespace fs = std::filesystem;
     TreeSnapshot tree;
     for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator(); ++it) {
-        const std::string relative = fs::relative(it->path(), root).native();
+        const std::string relative = it->path().lexically_relative(root).native();  // links unresolved
         if (it->is_symlink()) {
             tree[relative] = "-> " + fs::read_symlink(it->path()).native();
             it.disable_recursion_pending();
         } else if (it->is_directory()) {
             tree[relative + "/"] = "";
+        } else if (!it->is_regular_file()) {
+            tree[relative] = "<special>";  // reading a FIFO or device could block or never end
         } else {
             tree[relative] = readFile(it->path());
         }

@@ -23,8 +23,13 @@ namespace opc {
 //   folder), "." and ".." resolved lexically, repeated "/" collapsed, no
 //   trailing "/"; symbolic links are not resolved:
 //     "a/./b//../c/" => <current folder>/a/c
-// - getFiles: every entry that is not a folder, hidden ones included; links to
-//   folders are neither listed nor entered, so a listing always ends.
+// - getFiles: every regular file, hidden ones included. No symbolic link (to a
+//   file or a folder), FIFO, socket or device is listed and no linked folder
+//   entered, so a listing always ends and never leads outside the folder.
+// - createInputStream, and the source of copy: only a regular file is opened,
+//   without blocking. A symbolic link as the last component is not followed
+//   (ELOOP), a folder is refused with EISDIR, a FIFO, socket or device with
+//   ENXIO.
 // - getTempName: a hidden, random name not in use when it is returned.
 // - rename: fails with EEXIST rather than replace an existing destination.
 // - createOutputStream: does not create missing folders.
