@@ -72,7 +72,8 @@ FileSystemPhysicalPackage::FileSystemPhysicalPackage(const std::u16string& packa
       contentTypesPartName(u"/[Content_Types].xml"),
       openMode(OpenMode::Create),
       opened(false),
-      modified(false) {
+      modified(false),
+      staging(false) {
     packageRoot = getFSImpl().normalizePath(packagePath);
 }
 
@@ -122,6 +123,7 @@ void FileSystemPhysicalPackage::open(const OpenMode& mode) {
             static_cast<opc::interfaces::IPhysicalPackage*>(this)->createPart(contentTypesPartName, std::u16string(),
                                                                               FileSystemPartInfo());
         }
+        staging = true;
     }
     opened = true;
 }
@@ -159,6 +161,7 @@ void FileSystemPhysicalPackage::cleanup() {
 // A failed removal leaves a hidden folder beside the package, never a damaged
 // package, so it is not reported.
 void FileSystemPhysicalPackage::discardTemporaryFolder() {
+    staging = false;
     if (tempPackageRoot.empty()) return;
     boost::system::error_code ignored;
     fileSystemOps.removeAll(tempPackageRoot, ignored);
@@ -259,8 +262,9 @@ FileSystemInputStream* FileSystemPhysicalPackage::createFileSystemPartInputStrea
 
 FileSystemOutputStream* FileSystemPhysicalPackage::createFileSystemPartOutputStream(FileSystemPart* part) {
     // Without a temporary folder the part's path would lie outside the
-    // package; nothing is written there.
-    if (tempPackageRoot.empty()) fail("Failed to create or open file system output stream");
+    // package, or in a folder that a failed open never made; nothing is
+    // written there.
+    if (!staging) fail("Failed to create or open file system output stream");
 
     if (valueOf(openMode) == OpenMode::ReadWrite) {
         if (const auto found = parts.find(part->name); found != parts.end()) {
@@ -338,10 +342,10 @@ void FileSystemPhysicalPackage::copyUnchangedParts() {
 // The package folder changes here only, by two renames within its parent
 // folder: old folder aside, temporary folder in. Every failure after the
 // first rename is undone so that the old package is back at its path.
+//
+// A mode that stages nothing has no temporary folder: its rename fails and
+// the undo puts the package folder back.
 void FileSystemPhysicalPackage::swapInTemporaryFolder() {
-    // A mode that stages nothing has no folder to swap in; the package folder
-    // must not even be moved aside for it.
-    if (tempPackageRoot.empty()) return;
     opc::FileSystemOps& fs = getFSImpl();
     try {
         std::u16string finalPath = packageRoot;
@@ -364,6 +368,7 @@ void FileSystemPhysicalPackage::swapInTemporaryFolder() {
             fail("Could not rename the temporary package to final location", e.code());
         }
         tempPackageRoot.clear();  // it is the package now; cleanup must not remove it
+        staging = false;
 
         if (packageExisted) {
             try {

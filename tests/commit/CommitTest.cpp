@@ -45,18 +45,54 @@ TEST(Close, WithoutCommitLeavesPackageAndRemovesOnlyTheTemporaryFolder) {
     }
 }
 
-// A mode that stages nothing has nothing to commit: even a package marked
-// modified leaves its folder where it is, rather than moving it aside.
-TEST(Close, ModifiedPackageOfModeThatStagesNothingTouchesNothing) {
-    Sample s;
-    s.open(static_cast<OpenMode>(3), false);
-    // Marks the package modified even though the part lookup fails.
-    EXPECT_OPC_EXCEPTION(s.package->getContentTypeOutputStream(), "Content types stream does not exist", emptyCode());
-    s.ops.clearCalls();
-    EXPECT_NO_THROW(s.package->close(false));
-    EXPECT_FALSE(s.package->isOpen());
-    EXPECT_TRUE(s.ops.calls().empty());
-    EXPECT_EQ(s.after(), s.original);
+// A mode that stages nothing has no temporary folder, yet a modified package
+// commits: the swap moves the package aside, fails to rename the missing
+// temporary folder and puts the package back. A created part fails earlier,
+// when its empty file is to be written.
+TEST(Close, ModifiedPackageOfModeThatStagesNothingFailsItsSwapAndPutsPackageBack) {
+    const std::string renameFailed =
+        "Could not commit changes: Could not rename the temporary package to final location: No such file or directory";
+    for (const auto& [name, existing, created, message, code, hooks] :
+         std::vector<std::tuple<const char*, bool, bool, std::string, int, std::vector<Hook>>>{
+             {"over the package",
+              true,
+              false,
+              renameFailed,
+              ENOENT,
+              {Hook::GetParentPath, Hook::GetTempName, Hook::Exists, Hook::Rename, Hook::Rename, Hook::Exists,
+               Hook::Rename}},
+             {"over nothing",
+              false,
+              false,
+              renameFailed,
+              ENOENT,
+              {Hook::GetParentPath, Hook::GetTempName, Hook::Exists, Hook::Rename, Hook::Exists}},
+             {"with a created part", true, true, "Failed to create or open file system output stream", 0, {}}}) {
+        SCOPED_TRACE(name);
+        Sample s;
+        if (!existing) std::filesystem::remove_all(s.dir.path() / "pkg");
+        const TreeSnapshot before = s.after();
+        s.open(static_cast<OpenMode>(3), false);
+        if (created) {
+            s.package->createPart(u"/new.xml", u"", FileSystemPartInfo());
+        } else {  // marks the package modified even though the part lookup fails
+            EXPECT_OPC_EXCEPTION(s.package->getContentTypeOutputStream(), "Content types stream does not exist",
+                                 emptyCode());
+        }
+        s.ops.clearCalls();
+        EXPECT_OPC_EXCEPTION(s.package->close(false), message, code ? systemCode(code) : emptyCode());
+        s.expectClosedAndReleased();
+        std::vector<Hook> seen;
+        for (const Call& call : s.ops.calls()) seen.push_back(call.hook);
+        EXPECT_EQ(seen, hooks);
+        if (existing && !created && seen == hooks) {
+            const std::u16string pkg = s.dir.u16("pkg"), aside = s.ops.calls()[3].second;
+            EXPECT_EQ(s.ops.calls()[3].path, pkg);
+            EXPECT_EQ(s.ops.calls()[4].path, u"");
+            EXPECT_EQ(std::make_pair(s.ops.calls()[6].path, s.ops.calls()[6].second), std::make_pair(aside, pkg));
+        }
+        EXPECT_EQ(s.after(), before);
+    }
 }
 
 TEST(Close, ThrowingCloseStillClosesAndReleasesEverything) {

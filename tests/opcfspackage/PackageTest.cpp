@@ -393,21 +393,42 @@ TEST_F(OutputStream, FirstRequestMovesPartToChangedEvenWhenItFails) {
     EXPECT_TRUE(ops.calls().empty());
 }
 
-TEST_F(OutputStream, RefusedWithoutTemporaryFolderAndWritesNothing) {
-    write({{"a.xml", "A"}});
-    // Staged paths would lie at the file-system root: any write there fails.
+// Refused before any call, folder, flag or map change: a changed part would
+// show first in the listing, a modified flag as a commit of the next open,
+// which would drop the empty folder.
+TEST_F(OutputStream, RefusedWithoutTemporaryFolderBeforeAnythingChanges) {
+    write({{"a.xml", "A"}, {"b.xml", "B"}});
+    std::filesystem::create_directories(dir.path() / "pkg" / "empty");
+    original = snapshotTree(dir.path());
+    // Staged paths would lie at the file-system root or in a folder never made.
     for (const Hook hook : {Hook::CreateFolders, Hook::CreateFoldersReporting, Hook::CreateOutputStream})
         ops.failCalls(hook, 1, ~std::size_t{0});
-    for (const int mode : {-2, 0, 3}) {  // never opened, Read, a mode that stages nothing
+    const boost::system::error_code io = FaultyFileSystemOps::injectedCode(EIO);
+    // Never opened, Read, a mode that stages nothing, ReadWrite whose temporary folder could not be made.
+    for (const int mode : {-2, 0, 3, 2}) {
         SCOPED_TRACE(mode);
-        open(mode);
-        IPhysicalPart* part = mode == OpenMode::Read ? findPart(*package, u"/a.xml") : create(*package, u"/a.xml");
+        if (mode == OpenMode::ReadWrite) {
+            EXPECT_OPC_EXCEPTION(open(mode),
+                                 "Could not create temporary directory structure for output: " + io.message(), io);
+            EXPECT_FALSE(package->getTempPackageRoot().empty());
+        } else {
+            open(mode);
+        }
+        const bool found = mode == OpenMode::Read || mode == OpenMode::ReadWrite;
+        IPhysicalPart* part = found ? findPart(*package, u"/b.xml") : create(*package, u"/b.xml");
         ops.clearCalls();
         EXPECT_OPC_EXCEPTION(part->getOutputStream(), kOutputFailed, emptyCode());
         EXPECT_TRUE(ops.calls().empty());
         EXPECT_TRUE(fsPart(part).isUnwritten());
-        if (mode == OpenMode::Read) package->deletePart(u"/a.xml");  // throws if the part had moved
+        if (found) {
+            EXPECT_EQ(partNames(*package), (Names{u"/a.xml", u"/b.xml"}));
+        }
+        EXPECT_EQ(snapshotTree(dir.path()), original);
     }
+    ops.clearFailures();
+    package->open(OpenMode::ReadWrite);
+    package->close(false);
+    EXPECT_EQ(ops.count(Hook::Rename), 0u);
     EXPECT_EQ(snapshotTree(dir.path()), original);
 }
 

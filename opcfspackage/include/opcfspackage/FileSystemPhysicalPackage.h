@@ -132,6 +132,10 @@ private:
     bool modified;
     PartMap parts;
     PartMap changedParts;
+    // The open in effect made the temporary folder, and it is not yet
+    // discarded or swapped in: output streams need it. A failed open keeps
+    // tempPackageRoot's name without the folder.
+    bool staging;
 };
 
 }  // namespace opc::fspackage
