@@ -12,8 +12,11 @@
 namespace opc::test {
 namespace {
 
-TEST(CommandLine, HelpForTheToolAndEachCommand) {
+TEST(CommandLine, HelpForTheToolAndEachCommandAndTheProjectVersion) {
     TempDir dir;
+    const RunResult version = runOpcdir(dir.path(), {"--version"});
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.out, "opcdir " OPC_PROJECT_VERSION "\n");
     const RunResult tool = runOpcdir(dir.path(), {"--help"});
     EXPECT_EQ(tool.status, 0);
     EXPECT_EQ(tool.out.rfind("usage: opcdir COMMAND [OPTIONS] ARGUMENTS\n", 0), 0u);
@@ -36,6 +39,7 @@ protected:
         ASSERT_EQ(result.status, 0) << result.err;
         writeFile(dir.path() / "in.xml", "<w:document>replaced</w:document>");
         writeFile(dir.path() / "plain" / "a.txt", "a");
+        writeFile(dir.path() / "odd" / "[Content_Types].xml" / "a.xml", "a");
         before = snapshotTree(dir.path());
     }
 
@@ -105,6 +109,7 @@ TEST_F(EditCorpusPackage, RefusalsAreOneLineWithStatusOneOrTwoForUsageAndChangeN
          "unpack: --max-size needs a byte count such as 4096, 64K or 4G, not '4X'"},
         {2, {"unpack", "--max-ratio", "0", "a.zip", "out"}, "unpack: --max-ratio must be at least 1"},
         {1, {"rm", "doc", "word/styles.xml", "word/missing.xml"}, "doc: no part '/word/missing.xml'"},
+        {1, {"rm", "doc", "word/styles.xml", "/word/styles.xml"}, "doc: no part '/word/styles.xml'"},
         {1, {"rm", "doc", "[Content_Types].xml"}, "doc: cannot remove '/[Content_Types].xml': every package needs it"},
         {1, {"cat", "doc", "word/nothing.xml"}, "doc: no part '/word/nothing.xml'"},
         {1, {"put", "doc", "a/../x", "in.xml"}, "doc: invalid part name 'a/../x': '..' segment in name"},
@@ -123,6 +128,7 @@ TEST_F(EditCorpusPackage, RefusalsAreOneLineWithStatusOneOrTwoForUsageAndChangeN
         {1, {"put", "doc", "word/document.xml", "absent.xml"}, "absent.xml: No such file or directory"},
         {1, {"put", "doc", "word/document.xml", "doc"}, "doc: is a folder"},
         {1, {"ls", "plain"}, "plain: not a package: no [Content_Types].xml"},
+        {1, {"cat", "odd", "[Content_Types].xml/a.xml"}, "odd: not a package: no [Content_Types].xml"},
         {1, {"pack", "missing", "out.zip"}, "missing: no such package folder"},
         {1, {"rm", "plain/a.txt", "x"}, "plain/a.txt: not a folder"},
         {1, {"new", "doc"}, "doc: already exists and is not an empty folder"},

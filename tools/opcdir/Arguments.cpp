@@ -1,94 +1,12 @@
 #include "Arguments.h"
 
 #include "Errors.h"
+#include "Registry.h"
 
 #include <limits>
 
 namespace opcdir {
 namespace {
-
-struct Option {
-    const char* name;
-    const char* shortName;  // empty when there is none
-    bool takesValue;
-};
-
-struct CommandInfo {
-    const char* name;
-    const char* synopsis;
-    const char* summary;
-    const char* details;
-    std::vector<Option> options;
-    std::size_t minOperands;
-    std::size_t maxOperands;
-};
-
-constexpr std::size_t kUnbounded = std::numeric_limits<std::size_t>::max();
-
-const std::vector<CommandInfo>& commands() {
-    static const std::vector<CommandInfo> table = {
-        {"ls",
-         "ls [--long] [--json] PKG",
-         "list the parts of a folder package with their sizes",
-         "  -l, --long   add each part's content type from [Content_Types].xml\n"
-         "               (Override by part name, else Default by extension)\n"
-         "      --json   print the listing as JSON\n",
-         {{"--long", "-l", false}, {"--json", "", false}},
-         1,
-         1},
-        {"cat", "cat PKG PART", "write a part's bytes to standard output", "", {}, 2, 2},
-        {"put",
-         "put PKG PART [FILE]",
-         "make FILE (or standard input) the whole content of a part",
-         "  The part is created when it is new. PART may be written with or without\n"
-         "  its leading \"/\". \"-\" as FILE reads standard input.\n",
-         {},
-         2,
-         3},
-        {"rm",
-         "rm PKG PART...",
-         "delete parts",
-         "  Either every part named is deleted or none is.\n",
-         {},
-         2,
-         kUnbounded},
-        {"new",
-         "new PKG",
-         "make an empty folder package with a minimal [Content_Types].xml",
-         "  PKG must not exist, or be an empty folder.\n",
-         {},
-         1,
-         1},
-        {"unpack",
-         "unpack [--force] [--max-size N] [--max-ratio N] FILE PKG",
-         "turn a ZIP-based package file (.docx, .xlsx, .pptx, ...) into a folder package",
-         "  -f, --force          replace PKG even when it exists and is not empty\n"
-         "      --max-size N     refuse archives that expand to more than N bytes\n"
-         "                       (suffixes K, M, G; default 4G)\n"
-         "      --max-ratio N    refuse entries that expand more than N times\n"
-         "                       (default 1000)\n",
-         {{"--force", "-f", false}, {"--max-size", "", true}, {"--max-ratio", "", true}},
-         2,
-         2},
-        {"pack",
-         "pack PKG FILE",
-         "turn a folder package into a ZIP-based package file",
-         "  [Content_Types].xml comes first, then the parts in name order, deflated,\n"
-         "  with fixed timestamps: packing the same folder twice gives the same bytes.\n"
-         "  FILE appears only when it is complete.\n",
-         {},
-         2,
-         2},
-    };
-    return table;
-}
-
-const CommandInfo* findCommand(const std::string& name) {
-    for (const CommandInfo& info : commands()) {
-        if (name == info.name) return &info;
-    }
-    return nullptr;
-}
 
 std::string seeHelp(const std::string& command) {
     return " (see 'opcdir " + (command.empty() ? std::string() : command + " ") + "--help')";
@@ -96,10 +14,7 @@ std::string seeHelp(const std::string& command) {
 
 // Applies the option at arguments[index]; returns false when it is none of
 // the command's options.
-bool takeOption(const CommandInfo& info,
-                const std::vector<std::string>& arguments,
-                std::size_t& index,
-                Arguments& parsed) {
+bool takeOption(const Command& info, const std::vector<std::string>& arguments, std::size_t& index, Arguments& parsed) {
     const std::string& argument = arguments[index];
     const std::size_t equals = argument.find('=');
     const std::string name = argument.substr(0, equals);
@@ -136,7 +51,7 @@ Arguments parseArguments(const std::vector<std::string>& arguments) {
         parsed.flags.insert("--version");
         return parsed;
     }
-    const CommandInfo* info = findCommand(first);
+    const Command* info = findCommand(first);
     if (info == nullptr) {
         throw UsageError((first.size() > 1 && first[0] == '-' ? "unknown option '" : "unknown command '") + first +
                          "'" + seeHelp(""));
@@ -167,7 +82,7 @@ Arguments parseArguments(const std::vector<std::string>& arguments) {
 }
 
 std::string helpText(const std::string& command) {
-    if (const CommandInfo* info = findCommand(command)) {
+    if (const Command* info = findCommand(command)) {
         std::string summary = info->summary;
         summary[0] = static_cast<char>(summary[0] - 'a' + 'A');
         std::string text = std::string("usage: opcdir ") + info->synopsis + "\n\n" + summary + ".\n";
@@ -180,7 +95,7 @@ std::string helpText(const std::string& command) {
         "as plain folders. Every change is committed as a whole: when a command fails,\n"
         "the package is left as it was.\n\n"
         "commands:\n";
-    for (const CommandInfo& info : commands()) {
+    for (const Command& info : commands()) {
         text += std::string("  ") + info.synopsis + "\n      " + info.summary + "\n";
     }
     text +=

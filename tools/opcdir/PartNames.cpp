@@ -12,6 +12,8 @@ std::u16string toUtf16(std::string_view utf8) { return opc::LocalFileSystemOps::
 
 std::string toUtf8(std::u16string_view utf16) { return opc::LocalFileSystemOps::toNativePath(utf16); }
 
+std::string contentTypesPartName() { return "/" + std::string(kContentTypesName); }
+
 std::string unsafeNameReason(std::string_view relative) {
     if (relative.empty()) return "empty name";
     if (relative.front() == '/') return "absolute name";
@@ -61,6 +63,55 @@ std::string quoteName(std::string_view name) {
         }
     }
     return result + "'";
+}
+
+namespace {
+
+struct Split {
+    std::string folded;  // without a folder's trailing "/"
+    bool isFolder;
+};
+
+Split split(const std::string& name) {
+    const bool isFolder = !name.empty() && name.back() == '/';
+    return {foldCase(isFolder ? std::string_view(name).substr(0, name.size() - 1) : std::string_view(name)), isFolder};
+}
+
+// Calls visit with each folder above the name (a leading "/" is none).
+template <class Visit>
+void forEachFolder(const std::string& folded, Visit&& visit) {
+    for (std::size_t slash = folded.find('/', 1); slash != std::string::npos; slash = folded.find('/', slash + 1)) {
+        visit(folded.substr(0, slash));
+    }
+}
+
+}  // namespace
+
+// Each folder above a name is looked up once, so a whole archive's names are
+// checked in time linear in their length.
+NameTree::Result NameTree::check(const std::string& name) const {
+    const auto [folded, isFolder] = split(name);
+    Result result;
+    forEachFolder(folded, [&](const std::string& folder) {
+        const auto found = nodes.find(folder);
+        if (result.clash == Clash::None && found != nodes.end() && found->second.isFile)
+            result = {Clash::InFile, found->second.name};
+    });
+    if (result.clash != Clash::None) return result;
+    const auto found = nodes.find(folded);
+    if (found == nodes.end()) return result;
+    if (found->second.isFile) return {isFolder ? Clash::InFile : Clash::Duplicate, found->second.name};
+    if (!isFolder) return {Clash::IsFolder, found->second.name};
+    return result;
+}
+
+NameTree::Result NameTree::add(const std::string& name) {
+    const Result result = check(name);
+    if (result.clash != Clash::None) return result;
+    const auto [folded, isFolder] = split(name);
+    forEachFolder(folded, [&](const std::string& folder) { nodes.emplace(folder, Node{false, name}); });
+    nodes.emplace(folded, Node{!isFolder, name});
+    return result;
 }
 
 }  // namespace opcdir

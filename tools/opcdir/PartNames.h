@@ -2,6 +2,7 @@
 
 #include <string>
 #include <string_view>
+#include <unordered_map>
 
 namespace opcdir {
 
@@ -12,6 +13,9 @@ std::string toUtf8(std::u16string_view utf16);
 
 // The file name of the content-types part, also its ZIP entry name.
 inline constexpr std::string_view kContentTypesName = "[Content_Types].xml";
+
+// "/[Content_Types].xml", as listings and the commands name it.
+std::string contentTypesPartName();
 
 // Why a package-relative path (a ZIP entry name, or a part name without its
 // leading "/") cannot name a part file, or empty when it can. Refused:
@@ -29,5 +33,37 @@ std::string foldCase(std::string_view text);
 // The name quoted for a message, with control bytes escaped so that an error
 // stays on one line.
 std::string quoteName(std::string_view name);
+
+// Names that live side by side in one folder tree, where two names equal but
+// for ASCII case are one file, and a file cannot also be the folder of
+// another name. Both put and unpack keep their packages to these rules.
+class NameTree {
+public:
+    enum class Clash {
+        None,
+        Duplicate,  // other is the same name, perhaps in another case
+        IsFolder,   // the added name would be the folder of other
+        InFile,     // other would be the folder of the added name
+    };
+    struct Result {
+        Clash clash = Clash::None;
+        std::string other;  // the name already in the tree, as it was added
+    };
+
+    // Adds a file name, or a folder name when it ends in "/" (as ZIP folder
+    // entries do), unless it clashes with a name in the tree.
+    Result add(const std::string& name);
+
+    // What add(name) would report, leaving the tree as it is.
+    Result check(const std::string& name) const;
+
+private:
+    struct Node {
+        bool isFile;
+        std::string name;  // the first name that made it: the file, or a name below the folder
+    };
+
+    std::unordered_map<std::string, Node> nodes;  // folded path -> node
+};
 
 }  // namespace opcdir

@@ -7,9 +7,14 @@
 #include <string>
 #include <vector>
 
+#include <opccore/FileSystemOps.h>
+
 struct zip;
 
 namespace opcdir {
+
+// The text libzip gives an error code.
+std::string zipErrorText(int code);
 
 struct ZipEntry {
     std::uint64_t index = 0;
@@ -58,14 +63,14 @@ public:
     virtual void close() = 0;
 };
 
-// A ZIP archive written to a hidden temporary file beside its path and renamed
-// into place by commit(), so that the path never holds a half-written
+// A ZIP archive written to a hidden temporary file beside its path (named by
+// fileSystem) and renamed into place by commit(), so that the path never holds a half-written
 // archive. Entries are deflated, with a fixed timestamp and fixed attributes,
 // and ZIP64 records only where sizes or offsets need them: the same entries
 // give the same bytes.
 class ZipWriter {
 public:
-    ZipWriter(std::string subject, const std::string& path);
+    ZipWriter(opc::FileSystemOps& fileSystem, std::string subject, const std::string& path);
     // Removes the temporary file unless commit() succeeded.
     ~ZipWriter();
     ZipWriter(const ZipWriter&) = delete;

@@ -1,0 +1,175 @@
+#include "ArchiveCommands.h"
+
+#include "ArchivePolicy.h"
+#include "Errors.h"
+#include "PartCommands.h"
+#include "PartNames.h"
+#include "Session.h"
+#include "Zip.h"
+
+#include <opcfspackage/FileSystemPartInfo.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <memory>
+
+namespace opcdir {
+namespace {
+
+using opc::interfaces::IPhysicalInputStream;
+using opc::interfaces::IPhysicalOutputStream;
+using opc::interfaces::OpenMode;
+
+constexpr std::uint64_t kProgressThreshold = std::uint64_t{64} << 20;
+
+// "opcdir: pack: 42%" rewritten in place on a terminal, for work large enough
+// to be waited for.
+class Progress {
+public:
+    Progress(Io& io, std::string what, std::uint64_t size)
+        : err(io.err), label(std::move(what)), total(size), shown(io.errIsTerminal && size >= kProgressThreshold) {}
+    ~Progress() {
+        if (shown && percent >= 0) err << "\n" << std::flush;
+    }
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+    void update(std::uint64_t done) {
+        if (!shown) return;
+        const int now = static_cast<int>(std::min<std::uint64_t>(100, done * 100 / total));
+        if (now == percent) return;
+        percent = now;
+        err << "\ropcdir: " << label << ": " << percent << "% of " << (total >> 20) << " MiB" << std::flush;
+    }
+
+private:
+    std::ostream& err;
+    std::string label;
+    std::uint64_t total;
+    bool shown;
+    int percent = -1;
+};
+
+Limits limitsOf(const Arguments& args) {
+    Limits limits;
+    if (const auto found = args.values.find("--max-size"); found != args.values.end())
+        limits.maxSize = parseByteCount("unpack: --max-size", found->second);
+    if (const auto found = args.values.find("--max-ratio"); found != args.values.end())
+        limits.maxRatio = parseByteCount("unpack: --max-ratio", found->second);
+    if (limits.maxRatio == 0) throw UsageError("unpack: --max-ratio must be at least 1");
+    return limits;
+}
+
+IPhysicalOutputStream* createPartFor(Session& session, const ZipEntry& entry) {
+    try {
+        if (entry.name == kContentTypesName) return session->getContentTypeOutputStream();
+        return session->createPart(toUtf16("/" + entry.name), u"", opc::fspackage::FileSystemPartInfo())
+            ->getOutputStream();
+    } catch (const opc::Exception& e) {
+        throw Failure(session.name(), "cannot write part " + quoteName("/" + entry.name) + ": " + libraryCause(e));
+    }
+}
+
+// A part's bytes pulled by the ZIP writer through the part's input stream.
+class PartSource : public EntrySource {
+public:
+    PartSource(Session& owner, Listed part) : session(owner), entry(std::move(part)) {}
+    void open() override {
+        stream = inputOf(session, entry);
+        stream->open();
+    }
+    std::size_t read(char* buffer, std::size_t count) override {
+        return static_cast<std::size_t>(stream->read(buffer, static_cast<std::streamsize>(count)));
+    }
+    void close() override {
+        if (stream != nullptr) stream->close();
+    }
+
+private:
+    Session& session;
+    Listed entry;
+    IPhysicalInputStream* stream = nullptr;
+};
+
+// The archive's path, refused when packing would write into the package or
+// onto a folder.
+std::string archivePathFor(Session& session, const std::string& archiveName) {
+    std::string archivePath;
+    try {
+        archivePath = toUtf8(session.fileSystem().normalizePath(toUtf16(archiveName)));
+    } catch (const opc::Exception& e) {
+        throw Failure(archiveName, libraryCause(e));
+    }
+    const std::string root = toUtf8(session->getPackageRoot());
+    if (archivePath == root || archivePath.compare(0, root.size() + 1, root + "/") == 0)
+        throw Failure(archiveName, "lies inside the package " + session.name());
+    std::error_code error;
+    if (std::filesystem::is_directory(archivePath, error)) throw Failure(archiveName, "is a folder");
+    const std::string folder = archivePath.substr(0, archivePath.rfind('/') + 1);
+    if (!std::filesystem::is_directory(folder, error)) throw Failure(archiveName, "its folder does not exist");
+    return archivePath;
+}
+
+}  // namespace
+
+void unpackCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
+    const std::string& archiveName = args.operands[0];
+    const std::string& packageName = args.operands[1];
+    const Limits limits = limitsOf(args);
+
+    ZipReader reader(archiveName, archiveName);
+    const std::vector<const ZipEntry*> files = checkEntries(archiveName, reader, limits);
+    reader.checkConsistency();
+    if (!args.has("--force") && !isFreeTarget(fileSystem, packageName))
+        throw Failure(packageName, "already exists and is not an empty folder (use --force to replace it)");
+
+    // Create mode: whatever is at the path is replaced by the commit alone, so
+    // a failure on the way leaves it as it was.
+    Session session(fileSystem, packageName, OpenMode::Create);
+    std::uint64_t declared = 0;
+    for (const ZipEntry* entry : files) declared += entry->size;
+    Progress progress(io, "unpack", declared);
+    std::uint64_t total = 0;
+    for (const ZipEntry* entry : files) {
+        const std::string partName = "/" + entry->name;
+        IPhysicalOutputStream* stream = createPartFor(session, *entry);
+        std::uint64_t written = 0;
+        reader.read(*entry, [&](const char* data, std::size_t count) {
+            written += count;
+            total += count;
+            checkInflated(archiveName, *entry, written, total, limits);
+            writeAll(session, partName, stream, data, count);
+            progress.update(total);
+        });
+        // Written data reaches the file before the stream lets go of it, and
+        // a part per entry keeps the count of open files at one.
+        stream->flush();
+        if (stream->isFailed()) throw Failure(packageName, "cannot write part " + quoteName(partName));
+        stream->close();
+    }
+    session.commit();
+}
+
+void packCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
+    const std::string& packageName = args.operands[0];
+    const std::string& archiveName = args.operands[1];
+    Session session(fileSystem, packageName, OpenMode::Read);
+    const std::string archivePath = archivePathFor(session, archiveName);
+
+    const std::vector<Listed> listed = listParts(session);
+    std::vector<std::unique_ptr<PartSource>> sources;
+    ZipWriter writer(fileSystem, archiveName, archivePath);
+    std::uint64_t total = 0;
+    for (const Listed& entry : listed) {
+        const std::uint64_t size = session.sizeOf(entry.name);
+        total += size;
+        sources.push_back(std::make_unique<PartSource>(session, entry));
+        writer.add(entry.name.substr(1), size, *sources.back());
+    }
+    Progress progress(io, "pack", total);
+    writer.onProgress([&](std::uint64_t done) { progress.update(done); });
+    writer.commit();
+    session.commit();
+}
+
+}  // namespace opcdir

@@ -1,0 +1,54 @@
+#pragma once
+
+#include "Arguments.h"
+
+#include <opccore/FileSystemOps.h>
+
+#include <cstddef>
+#include <iosfwd>
+#include <limits>
+#include <vector>
+
+namespace opcdir {
+
+// Where a command reads and writes besides the packages.
+struct Io {
+    std::istream& in;
+    std::ostream& out;
+    std::ostream& err;
+    // Progress lines go to err only when it is a terminal.
+    bool errIsTerminal = false;
+};
+
+// Carries out one parsed command line. Throws Failure or UsageError; every
+// file is reached through fileSystem.
+using Handler = void (*)(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem);
+
+struct Option {
+    const char* name;       // "--max-size"
+    const char* shortName;  // "-f", or empty
+    bool takesValue;
+};
+
+inline constexpr std::size_t kUnbounded = std::numeric_limits<std::size_t>::max();
+
+// One command of the tool: the parser reads its options and operand counts,
+// --help its texts, the dispatcher its handler.
+struct Command {
+    const char* name;
+    const char* synopsis;  // "ls [--long] [--json] PKG"
+    const char* summary;   // one line, lower case, no full stop
+    const char* details;   // lines indented by two spaces, or empty
+    std::vector<Option> options;
+    std::size_t minOperands;
+    std::size_t maxOperands;
+    Handler handler;
+};
+
+// Every command, in the order --help lists them.
+const std::vector<Command>& commands();
+
+// The command called name, or null.
+const Command* findCommand(const std::string& name);
+
+}  // namespace opcdir
