@@ -1,6 +1,7 @@
 // Opens a folder package, reads a part, writes a part and commits.
 // Usage: quickstart PACKAGE-FOLDER
 #include <opccore/Exception.h>
+#include <opccore/NameCodec.h>
 #include <opcfspackage/FileSystemPartInfo.h>
 #include <opcfspackage/FileSystemPhysicalPackage.h>
 
@@ -12,7 +13,7 @@ int main(int argc, char** argv) {
         std::cerr << "usage: quickstart PACKAGE-FOLDER\n";
         return 2;
     }
-    const std::u16string path = opc::LocalFileSystemOps::fromNativePath(argv[1]);
+    const std::u16string path = opc::NameCodec::decode(argv[1]);
     try {
         opc::fspackage::FileSystemPhysicalPackage package(path);
         package.open(opc::interfaces::ReadWrite);
@@ -23,7 +24,7 @@ int main(int argc, char** argv) {
             char buffer[64 * 1024];
             std::streamsize size = 0;
             for (std::streamsize got; (got = in->read(buffer, sizeof buffer)) > 0;) size += got;
-            std::cout << opc::LocalFileSystemOps::toNativePath(part->getName()) << ' ' << size << '\n';
+            std::cout << opc::NameCodec::encode(part->getName()) << ' ' << size << '\n';
         }
 
         // Write a part: staged in a temporary folder beside the package.

@@ -1,5 +1,6 @@
 #include <opccore/Exception.h>
 #include <opccore/LocalFileSystemOps.h>
+#include <opccore/NameCodec.h>
 
 #include <ext/stdio_filebuf.h>
 
@@ -25,134 +26,15 @@ error_code systemError(int value) { return error_code(value, boost::system::syst
 
 error_code lastError() { return systemError(errno); }
 
-// ---- Names: UTF-16 <-> bytes -------------------------------------------------
-
-constexpr char16_t kEscapeBase = 0xDC00;  // byte b >= 0x80 that is not UTF-8 <=> U+DC00 + b
-
-bool isContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
-
-// The length of the well-formed UTF-8 sequence at bytes[i] (RFC 3629, so no
-// overlong forms, surrogates or values past U+10FFFF), or 0 when there is none.
-std::size_t utf8SequenceLength(std::string_view bytes, std::size_t i) {
-    const auto at = [&](std::size_t k) { return static_cast<unsigned char>(bytes[i + k]); };
-    const unsigned char lead = at(0);
-    std::size_t length = 0;
-    unsigned char low = 0x80;
-    unsigned char high = 0xBF;
-    if (lead >= 0xC2 && lead <= 0xDF) {
-        length = 2;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-        length = 3;
-        if (lead == 0xE0) low = 0xA0;
-        if (lead == 0xED) high = 0x9F;
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-        length = 4;
-        if (lead == 0xF0) low = 0x90;
-        if (lead == 0xF4) high = 0x8F;
-    } else {
-        return 0;
-    }
-    if (bytes.size() - i < length || at(1) < low || at(1) > high) return 0;
-    for (std::size_t k = 2; k < length; ++k) {
-        if (!isContinuation(at(k))) return 0;
-    }
-    return length;
-}
-
-void appendUtf8(std::string& out, char32_t cp) {
-    if (cp < 0x80) {
-        out.push_back(static_cast<char>(cp));
-    } else if (cp < 0x800) {
-        out.push_back(static_cast<char>(0xC0 | (cp >> 6)));
-        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-    } else if (cp < 0x10000) {
-        out.push_back(static_cast<char>(0xE0 | (cp >> 12)));
-        out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-    } else {
-        out.push_back(static_cast<char>(0xF0 | (cp >> 18)));
-        out.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-    }
-}
-
-// escapeForDisplay: an escaped byte becomes "\xNN" instead of the raw byte, so
-// that messages stay valid UTF-8.
-std::string encode(std::u16string_view path, bool escapeForDisplay) {
-    std::string out;
-    out.reserve(path.size());
-    for (std::size_t i = 0; i < path.size(); ++i) {
-        const char16_t unit = path[i];
-        if (unit < 0x80) {  // nearly every unit of a path: tested first
-            out.push_back(static_cast<char>(unit));
-        } else if (unit >= 0xD800 && unit <= 0xDBFF && i + 1 < path.size() && path[i + 1] >= 0xDC00 &&
-                   path[i + 1] <= 0xDFFF) {
-            appendUtf8(out, 0x10000 + ((char32_t{unit} - 0xD800) << 10) + (path[i + 1] - 0xDC00));
-            ++i;
-        } else if (unit >= kEscapeBase + 0x80 && unit <= kEscapeBase + 0xFF) {
-            const auto byte = static_cast<unsigned char>(unit - kEscapeBase);
-            if (escapeForDisplay) {
-                static constexpr char kHex[] = "0123456789ABCDEF";
-                out += "\\x";
-                out.push_back(kHex[byte >> 4]);
-                out.push_back(kHex[byte & 0xF]);
-            } else {
-                out.push_back(static_cast<char>(byte));
-            }
-        } else {
-            // Other lone surrogates take their three-byte form; no file name
-            // read from disk decodes to one, so nothing read is lost.
-            appendUtf8(out, unit);
-        }
-    }
-    return out;
-}
-
-// Appends to out, so that a listing builds each path in one allocation; the
-// UTF-16 form never has more units than the name has bytes.
-void appendDecoded(std::u16string& out, std::string_view bytes) {
-    for (std::size_t i = 0; i < bytes.size();) {
-        const auto lead = static_cast<unsigned char>(bytes[i]);
-        if (lead < 0x80) {
-            out.push_back(lead);
-            ++i;
-            continue;
-        }
-        const std::size_t length = utf8SequenceLength(bytes, i);
-        if (length == 0) {
-            out.push_back(static_cast<char16_t>(kEscapeBase + lead));
-            ++i;
-            continue;
-        }
-        char32_t cp = lead & (0xFF >> (length + 1));
-        for (std::size_t k = 1; k < length; ++k) cp = (cp << 6) | (static_cast<unsigned char>(bytes[i + k]) & 0x3F);
-        if (cp >= 0x10000) {
-            out.push_back(static_cast<char16_t>(0xD800 + ((cp - 0x10000) >> 10)));
-            out.push_back(static_cast<char16_t>(0xDC00 + ((cp - 0x10000) & 0x3FF)));
-        } else {
-            out.push_back(static_cast<char16_t>(cp));
-        }
-        i += length;
-    }
-}
-
-std::u16string decode(std::string_view bytes) {
-    std::u16string out;
-    out.reserve(bytes.size());
-    appendDecoded(out, bytes);
-    return out;
-}
-
 // The bytes of path for a system call. U+0000 would silently cut the name
 // short, so such a path names no file.
 error_code nativePath(std::u16string_view path, std::string& native) {
     if (path.find(u'\0') != std::u16string_view::npos) return systemError(EINVAL);
-    native = encode(path, false);
+    native = NameCodec::encode(path);
     return {};
 }
 
-std::string display(const std::u16string& path) { return "\"" + encode(path, true) + "\""; }
+std::string display(const std::u16string& path) { return "\"" + NameCodec::display(path) + "\""; }
 
 [[noreturn]] void fail(const std::string& what, const error_code& code) { throw Exception(what, code); }
 
@@ -328,7 +210,7 @@ struct PendingFolder {
 void appendChildPath(std::u16string& path, const std::u16string& prefix, std::string_view name) {
     path.reserve(prefix.size() + 1 + name.size());
     path.append(prefix).append(1, u'/');
-    appendDecoded(path, name);
+    NameCodec::appendDecoded(path, name);
 }
 
 // Reads one folder; its files go to files, its subfolders to pending.
@@ -443,7 +325,7 @@ std::u16string currentFolder() {
         buffer.resize(buffer.size() * 2);
     }
     buffer.resize(std::char_traits<char>::length(buffer.c_str()));
-    return decode(buffer);
+    return NameCodec::decode(buffer);
 }
 
 }  // namespace
@@ -452,9 +334,9 @@ LocalFileSystemOps::LocalFileSystemOps() = default;
 
 LocalFileSystemOps::~LocalFileSystemOps() = default;
 
-std::string LocalFileSystemOps::toNativePath(std::u16string_view path) { return encode(path, false); }
+std::string LocalFileSystemOps::toNativePath(std::u16string_view path) { return NameCodec::encode(path); }
 
-std::u16string LocalFileSystemOps::fromNativePath(std::string_view nativePath) { return decode(nativePath); }
+std::u16string LocalFileSystemOps::fromNativePath(std::string_view nativePath) { return NameCodec::decode(nativePath); }
 
 std::u16string LocalFileSystemOps::appendPathImpl(const std::u16string& folder, const std::u16string& relativePath) {
     std::u16string path;

@@ -3,7 +3,7 @@
 // and delete another, then checks every file on disk byte for byte.
 // Exits 0 only when everything is as expected.
 #include <opccore/Exception.h>
-#include <opccore/LocalFileSystemOps.h>
+#include <opccore/NameCodec.h>
 #include <opccore/interfaces/IPhysicalInputStream.h>
 #include <opccore/interfaces/IPhysicalOutputStream.h>
 #include <opccore/interfaces/IPhysicalPart.h>
@@ -85,7 +85,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     const fs::path root = argv[1];
-    const std::u16string packagePath = opc::LocalFileSystemOps::fromNativePath((root / "pkg").string());
+    const std::u16string packagePath = opc::NameCodec::decode((root / "pkg").string());
     try {
         {
             FileSystemPhysicalPackage package(packagePath);

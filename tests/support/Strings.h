@@ -1,6 +1,6 @@
 #pragma once
 
-#include <opccore/LocalFileSystemOps.h>
+#include <opccore/NameCodec.h>
 
 #include <string>
 #include <string_view>
@@ -8,7 +8,7 @@
 namespace opc::test {
 
 // Test text is written in UTF-8; the library speaks UTF-16.
-inline std::u16string fromUtf8(std::string_view text) { return opc::LocalFileSystemOps::fromNativePath(text); }
-inline std::string toUtf8(std::u16string_view text) { return opc::LocalFileSystemOps::toNativePath(text); }
+inline std::u16string fromUtf8(std::string_view text) { return opc::NameCodec::decode(text); }
+inline std::string toUtf8(std::u16string_view text) { return opc::NameCodec::encode(text); }
 
 }  // namespace opc::test

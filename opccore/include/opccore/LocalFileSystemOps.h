@@ -10,14 +10,13 @@ namespace opc {
 
 // FileSystemOps on the local disk (Linux).
 //
-// Names: UTF-16 in the API, the bytes of the file name on disk. Valid UTF-8
-// maps to UTF-16 and back; a byte that is not part of valid UTF-8 maps to the
-// lone surrogate U+DC80 + (byte - 0x80) and back, so every file name on disk
-// round-trips exactly. A path holding U+0000 names no file (EINVAL).
+// Names: UTF-16 in the API, the bytes of the file name on disk, mapped by
+// NameCodec, so every file name on disk round-trips exactly. A path holding
+// U+0000 names no file (EINVAL).
 //
 // Failures carry the errno value in boost::system::system_category(), so
 // code().message() is the operating system's wording; the throwing forms'
-// messages name the operation and the path(s).
+// messages name the operation and the path(s) in NameCodec's display form.
 //
 // - normalizePath: absolute (a relative path is taken against the current
 //   folder), "." and ".." resolved lexically, repeated "/" collapsed, no
@@ -40,7 +39,7 @@ public:
     LocalFileSystemOps();
     ~LocalFileSystemOps() override;
 
-    // The bytes on disk of a UTF-16 path, and back (see above).
+    // NameCodec::encode and NameCodec::decode, kept for existing callers.
     static std::string toNativePath(std::u16string_view path);
     static std::u16string fromNativePath(std::string_view nativePath);
 
