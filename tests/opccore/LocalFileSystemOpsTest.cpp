@@ -62,6 +62,24 @@ TEST_F(Strangers, OnlyRegularFilesAreListedReadOrCopiedAndNothingOutsideIsReache
     EXPECT_EQ(snapshotTree(dir.path()), before);
 }
 
+TEST_F(Folders, ExistsAndIsFolderFollowLinksAndAnswerFalseForPathsThatDoNotResolve) {
+    writeFile(dir.path() / "file", "f");
+    fs::create_directory(dir.path() / "folder");
+    fs::create_directory_symlink(dir.path() / "folder", dir.path() / "to-folder");
+    fs::create_symlink(dir.path() / "file", dir.path() / "to-file");
+    fs::create_symlink(dir.path() / "gone", dir.path() / "dangling");
+    fs::create_symlink("loop", dir.path() / "loop");
+    const std::vector<std::tuple<std::string, bool, bool>> cases = {
+        {"file", true, false},        {"folder", true, true},     {"to-folder", true, true},
+        {"to-file", true, false},     {"dangling", false, false}, {"missing", false, false},
+        {"file/below", false, false}, {"loop", false, false},     {std::string(300, 'n'), false, false}};
+    for (const auto& [name, exists, isFolder] : cases) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(ops.exists(dir.u16(name)), exists);
+        EXPECT_EQ(ops.isFolder(dir.u16(name)), isFolder);
+    }
+}
+
 TEST_F(Folders, GetTempNameGivesAHiddenFreshNameEachTimeAndMakesNothing) {
     std::set<std::u16string> seen;
     for (int i = 0; i < 20; ++i) {

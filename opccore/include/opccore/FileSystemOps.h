@@ -21,18 +21,29 @@ enum class ExistsMode : std::int32_t {
     Skip = 2,       // leave the destination as it is
 };
 
-// Everything the OPC libraries do to a disk goes through this service.
+// Everything the OPC libraries do to a disk goes through one object of this
+// class, so a caller can substitute, observe or fail any of it.
 //
-// Paths are UTF-16 with "/" between segments and no trailing separator.
+// For the whole class:
+// - Paths are UTF-16 with "/" between segments and no trailing separator.
+// - Operations taking a boost::system::error_code& are the reporting forms:
+//   noexcept; on failure they set errorCode to a code that reports it; on
+//   success they may leave errorCode untouched, so a caller clears it first.
+// - Every other operation that can fail throws opc::Exception whose code()
+//   reports the failure and whose code().message() names the cause, since
+//   callers append that text to their own messages. Other exceptions (such as
+//   std::bad_alloc) pass through unchanged.
+// - No operation retries or sleeps. An operation that fails part-way may have
+//   changed the disk; what it leaves is stated below and in the implementation.
+// - Each public operation forwards to the protected virtual hook of the same
+//   name plus "Impl", with the same parameters; the reporting forms' hooks are
+//   noexcept too. A test double derives from LocalFileSystemOps and overrides
+//   only the hooks it wants to fail or observe.
+// - One thread at a time uses an object unless its class says otherwise.
 //
-// Operations taking a boost::system::error_code& are the reporting forms: they
-// never throw, set the code when they fail and may leave it untouched when
-// they succeed. All other operations that can fail throw opc::Exception with a
-// code that reports the failure.
-//
-// Each public operation forwards to the protected virtual hook of the same
-// name plus "Impl". A test double derives from LocalFileSystemOps and
-// overrides only the hooks it wants to fail or observe.
+// The contracts below are what every implementation keeps and what the
+// package relies on; LocalFileSystemOps.h states the codes the local disk
+// gives.
 class OPCCORE_EXPORT FileSystemOps {
 public:
     FileSystemOps(const FileSystemOps&) = delete;
@@ -41,53 +52,77 @@ public:
 
     // folder and relativePath joined by one "/":
     //   ("/data/pkg", "word/x.xml") => "/data/pkg/word/x.xml"
+    // relativePath may hold "/" and never begins with one. Path arithmetic
+    // only: the disk is not consulted and nothing is checked.
     std::u16string appendPath(const std::u16string& folder, const std::u16string& relativePath);
 
-    // The canonical spelling of a folder path, exactly the prefix getFiles()
-    // puts in front of what it lists for that folder.
+    // The canonical spelling of a folder path: exactly the prefix getFiles()
+    // puts in front of what it lists for that folder, with no trailing "/".
+    // The path need not exist. Throws only when the implementation must ask
+    // the disk and that fails.
     std::u16string normalizePath(const std::u16string& path);
 
-    // path without its last segment: "/data/pkg" => "/data".
+    // path without its last segment and the "/" before it:
+    //   "/data/pkg" => "/data"
+    // Path arithmetic only, as appendPath.
     std::u16string getParentPath(const std::u16string& path);
 
-    // appendPath(folder, name) for a name under which nothing exists in folder
-    // now. folder need not exist. The caller creates the entry.
+    // appendPath(folder, name) for a name under which nothing exists in
+    // folder at the time of the call; the caller then creates the entry.
+    // folder need not exist (then any name is free). Throws when it cannot
+    // tell whether a name is free.
     std::u16string getTempName(const std::u16string& folder);
 
-    // True when a file or a folder exists at path.
+    // True when a file or a folder exists at path; false when it does not.
+    // May throw when the implementation cannot tell.
     bool exists(const std::u16string& path);
 
-    // True when path is a folder.
+    // True when path is a folder; false when it is missing or something else.
+    // May throw when the implementation cannot tell.
     bool isFolder(const std::u16string& path);
 
     // Appends the path of every file (not folder) in folder, and with recursive
     // true in its subfolders at any depth; each entry is folder spelled as
-    // passed, then "/" and the relative path. Order is not promised.
+    // passed, then "/" and the relative path. Order is not promised; no entry
+    // lies outside folder.
+    // Throws when folder is missing, is not a folder, or cannot be read, and
+    // when any subfolder cannot be read; files may then hold some entries
+    // already appended.
     void getFiles(const std::u16string& folder, std::vector<std::u16string>& files, bool recursive);
 
-    // Creates the folder path and every missing folder above it.
+    // Creates the folder path and every missing folder above it. Fails when
+    // something that is not a folder is in the way; folders made before a
+    // failure may stay.
     void createFolders(const std::u16string& path);
     void createFolders(const std::u16string& path, boost::system::error_code& errorCode) noexcept;
 
-    // Opens the file at path. On failure the result may be empty.
+    // Opens the file at path for reading with openMode (the package passes
+    // in|binary). Fails when path is missing or is not a file that can be
+    // read. On failure the result may be empty.
     std::shared_ptr<std::istream> createInputStream(const std::u16string& path,
                                                     std::ios_base::openmode openMode,
                                                     boost::system::error_code& errorCode) noexcept;
 
-    // Opens or creates the file at path; without app or in in openMode an
-    // existing file is emptied. The file's folder must exist. The last release
-    // of the stream flushes and closes the file.
+    // Opens or creates the file at path with openMode (the package passes
+    // out|binary); without app or in in openMode an existing file is emptied.
+    // The file's folder must exist: a missing one is a failure, never
+    // created. The last release of the stream flushes and closes the file.
+    // On failure the result may be empty.
     std::shared_ptr<std::ostream> createOutputStream(const std::u16string& path,
                                                      std::ios_base::openmode openMode,
                                                      boost::system::error_code& errorCode) noexcept;
 
-    // Copies the file from to the path to, whose folder exists.
+    // Copies the file from to the path to, whose folder exists. When to
+    // exists, existsMode decides (see ExistsMode). Fails when from is missing
+    // or is not a file that can be read, and when to is from itself.
     void copy(const std::u16string& from, const std::u16string& to, ExistsMode existsMode);
 
-    // Renames from to to. Never replaces an existing destination.
+    // Renames from to to, both in the same parent folder. Never replaces an
+    // existing destination: that is a failure, and both stay as they were.
     void rename(const std::u16string& from, const std::u16string& to);
 
     // Removes path and everything below it. A missing path is no failure.
+    // A failure part-way may leave some of it removed.
     void removeAll(const std::u16string& path);
     void removeAll(const std::u16string& path, boost::system::error_code& errorCode) noexcept;
 

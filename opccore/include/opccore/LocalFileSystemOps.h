@@ -10,30 +10,80 @@ namespace opc {
 
 // FileSystemOps on the local disk (Linux).
 //
-// Names: UTF-16 in the API, the bytes of the file name on disk, mapped by
-// NameCodec, so every file name on disk round-trips exactly. A path holding
-// U+0000 names no file (EINVAL).
+// For the whole class, beyond what FileSystemOps promises:
+// - Names: UTF-16 in the API, the bytes of the file name on disk, mapped by
+//   NameCodec, so every file name on disk round-trips exactly. A path holding
+//   U+0000 names no file: operations on it fail with EINVAL (exists and
+//   isFolder answer false).
+// - Codes carry the errno value in boost::system::system_category(), so
+//   code().message() is the operating system's wording. A reporting form
+//   that runs out of memory reports ENOMEM.
+// - The throwing forms' messages name the operation and the path(s), each
+//   quoted and in NameCodec's display form (written <path> below), e.g.
+//     Cannot rename "/data/a" to "/data/b"
+// - Codes named below are those of the usual causes; any other errno the
+//   kernel gives passes on unchanged.
 //
-// Failures carry the errno value in boost::system::system_category(), so
-// code().message() is the operating system's wording; the throwing forms'
-// messages name the operation and the path(s) in NameCodec's display form.
-//
+// Per operation:
+// - appendPath, getParentPath: text only; never fail.
+//     appendPath("", "x") => "/x"      getParentPath("/a") => "/"
+//     getParentPath("a") => ""
 // - normalizePath: absolute (a relative path is taken against the current
 //   folder), "." and ".." resolved lexically, repeated "/" collapsed, no
-//   trailing "/"; symbolic links are not resolved:
-//     "a/./b//../c/" => <current folder>/a/c
-// - getFiles: every regular file, hidden ones included. No symbolic link (to a
-//   file or a folder), FIFO, socket or device is listed and no linked folder
-//   entered, so a listing always ends and never leads outside the folder.
-// - createInputStream, and the source of copy: only a regular file is opened,
-//   without blocking. A symbolic link as the last component is not followed
-//   (ELOOP), a folder is refused with EISDIR, a FIFO, socket or device with
-//   ENXIO.
-// - getTempName: a hidden, random name not in use when it is returned.
-// - rename: fails with EEXIST rather than replace an existing destination.
-// - createOutputStream: does not create missing folders.
-// - copy: in-kernel (copy_file_range, sendfile), so data does not pass through
-//   user space; a destination left half-written by a failure is removed.
+//   trailing "/"; symbolic links are not resolved and the disk is not read
+//   for an absolute path:
+//     "a/./b//../c/" => <current folder>/a/c      "/.." => "/"
+//   Throws "Cannot read the current folder" when a relative path meets a
+//   current folder that cannot be named (removed: ENOENT).
+// - getTempName: appendPath(folder, ".opc-" + 16 random hex digits), drawn
+//   afresh from the system each call; a name that exists (also as a dangling
+//   link) is never returned. A missing folder is no failure. Throws "Cannot
+//   make a temporary name in <folder>" when the test itself fails (EACCES on
+//   a folder above, ELOOP, ENAMETOOLONG).
+// - exists, isFolder: follow symbolic links (a dangling link does not exist;
+//   a link to a folder is a folder) and never throw. They answer false for a
+//   missing path and whenever the path cannot be resolved at all: a file in
+//   place of a folder above (ENOTDIR), search permission denied on a folder
+//   above (EACCES), too many links (ELOOP), a name too long (ENAMETOOLONG).
+//   A caller that must tell these apart opens or lists the path and reads the
+//   code.
+// - getFiles: only regular files, hidden ones included. No symbolic link (to
+//   a file, to a folder, or dangling), FIFO, socket or device is listed and
+//   no linked folder is entered, so a listing always ends and never reads
+//   outside folder; folder itself may be a link to a folder. Throws "Cannot
+//   list folder <folder>" naming the folder that failed, which may be a
+//   subfolder (also one swapped for a link while the listing ran): missing
+//   (ENOENT), not a folder (ENOTDIR), not readable (EACCES).
+// - createFolders: each missing folder made with mode 0777 less the umask; an
+//   existing folder (or link to one) is no failure. Something else at path
+//   fails with EEXIST, a file above it with ENOTDIR, an empty path with
+//   ENOENT. Throwing form: "Cannot create folder <path>". Folders made before
+//   a failure stay.
+// - createInputStream: opened read-only (read-write with out in openMode; no
+//   in is EINVAL). A symbolic link in the last component is never followed
+//   (ELOOP), a folder is refused with EISDIR, and a FIFO, socket or device
+//   with ENXIO, without blocking. Missing: ENOENT; not readable: EACCES. The
+//   result is empty on failure.
+// - createOutputStream: out, or out with trunc, creates or empties the file;
+//   in|out updates an existing file in place (ENOENT when missing); app
+//   appends, creating a missing file (app with trunc is EINVAL); neither out
+//   nor app is EINVAL. A new file gets mode 0666 less the umask. A missing
+//   folder is ENOENT, a folder at path EISDIR. The result is empty on failure.
+// - copy: in-kernel (copy_file_range, else sendfile), so data does not pass
+//   through user space. The source is opened as createInputStream opens it.
+//   Existing destination: Fail gives EEXIST (also for a link at to), Skip
+//   leaves it and succeeds, Overwrite empties the file and rewrites it in
+//   place. A new destination gets the source's permission bits less the
+//   umask. from and to the same file: EINVAL, nothing changes. A failure
+//   after the destination was opened removes it, so no half-written copy
+//   stays. Throws "Cannot copy <from> to <to>".
+// - rename: files and folders alike; an existing destination fails with
+//   EEXIST (renameat2 with RENAME_NOREPLACE; on a file system without it a
+//   test then a rename, which never clobbers what it can see). Missing from:
+//   ENOENT; another file system: EXDEV. Throws "Cannot rename <from> to <to>".
+// - removeAll: removes links, not what they point to. A missing path is no
+//   failure. Throwing form: "Cannot remove <path>"; what was removed before a
+//   failure stays removed.
 class OPCCORE_EXPORT LocalFileSystemOps : public FileSystemOps {
 public:
     LocalFileSystemOps();
