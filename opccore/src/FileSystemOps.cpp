@@ -2,6 +2,8 @@
 
 namespace opc {
 
+FileLock::~FileLock() = default;
+
 FileSystemOps::~FileSystemOps() = default;
 
 std::u16string FileSystemOps::appendPath(const std::u16string& folder, const std::u16string& relativePath) {
@@ -50,6 +52,12 @@ void FileSystemOps::removeAll(const std::u16string& path) { removeAllImpl(path);
 
 void FileSystemOps::removeAll(const std::u16string& path, boost::system::error_code& errorCode) noexcept {
     removeAllImpl(path, errorCode);
+}
+
+std::unique_ptr<FileLock> FileSystemOps::lockFile(const std::u16string& path,
+                                                  LockMode mode,
+                                                  std::optional<std::chrono::nanoseconds> timeout) {
+    return lockFileImpl(path, mode, timeout);
 }
 
 }  // namespace opc

@@ -6,15 +6,18 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <new>
 #include <random>
+#include <thread>
 #include <utility>
 
 namespace opc {
@@ -318,6 +321,60 @@ error_code renameNoReplace(const std::u16string& from, const std::u16string& to)
     return ::rename(nativeFrom.c_str(), nativeTo.c_str()) == 0 ? error_code() : lastError();
 }
 
+// ---- Locks -----------------------------------------------------------------------
+
+// flock(2) locks belong to the open file, not to the process: the kernel
+// drops one when its last descriptor closes, also when the process dies, and
+// two opens of one file in one process exclude each other as two processes do.
+class DescriptorLock final : public FileLock {
+public:
+    explicit DescriptorLock(int descriptor) : fd(descriptor) {}
+    DescriptorLock(const DescriptorLock&) = delete;
+    DescriptorLock& operator=(const DescriptorLock&) = delete;
+    ~DescriptorLock() override { ::close(fd); }
+
+private:
+    int fd;
+};
+
+// A link or a FIFO planted under the lock's name is refused, never followed
+// or waited on.
+error_code openLockFile(const std::u16string& path, Descriptor& file) {
+    if (error_code code = openFile(path, O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, file)) return code;
+    struct stat info {};
+    if (::fstat(file.get(), &info) != 0) return lastError();
+    return refuseIrregular(info);
+}
+
+// flock(2) has no time-out: a bounded wait polls, pausing a little longer
+// each time, so that a waiter neither spins nor sleeps long past a release.
+error_code lockDescriptor(int fd, int operation, std::optional<std::chrono::nanoseconds> timeout, bool& granted) {
+    using std::chrono::steady_clock;
+    const auto start = steady_clock::now();
+    const bool bounded = timeout && *timeout < steady_clock::time_point::max() - start;
+    if (!bounded) {
+        while (::flock(fd, operation) != 0) {
+            if (errno != EINTR) return lastError();
+        }
+        granted = true;
+        return {};
+    }
+    const auto deadline = start + std::max(*timeout, std::chrono::nanoseconds::zero());
+    std::chrono::nanoseconds pause = std::chrono::microseconds(100);
+    for (;;) {
+        if (::flock(fd, operation | LOCK_NB) == 0) {
+            granted = true;
+            return {};
+        }
+        if (errno == EINTR) continue;
+        if (errno != EWOULDBLOCK) return lastError();
+        const auto now = steady_clock::now();
+        if (now >= deadline) return {};
+        std::this_thread::sleep_for(std::min<std::chrono::nanoseconds>(pause, deadline - now));
+        pause = std::min<std::chrono::nanoseconds>(pause * 2, std::chrono::milliseconds(8));
+    }
+}
+
 std::u16string currentFolder() {
     std::string buffer(256, '\0');
     while (::getcwd(buffer.data(), buffer.size()) == nullptr) {
@@ -492,6 +549,22 @@ void LocalFileSystemOps::removeAllImpl(const std::u16string& path) {
 
 void LocalFileSystemOps::removeAllImpl(const std::u16string& path, boost::system::error_code& errorCode) noexcept {
     reportInto(errorCode, [&] { return removeAllAt(path); });
+}
+
+std::unique_ptr<FileLock> LocalFileSystemOps::lockFileImpl(const std::u16string& path,
+                                                           LockMode mode,
+                                                           std::optional<std::chrono::nanoseconds> timeout) {
+    if (mode != LockMode::Shared && mode != LockMode::Exclusive)
+        fail("Cannot lock " + display(path), systemError(EINVAL));
+    Descriptor file;
+    bool granted = false;
+    error_code code = openLockFile(path, file);
+    if (!code) code = lockDescriptor(file.get(), mode == LockMode::Exclusive ? LOCK_EX : LOCK_SH, timeout, granted);
+    if (code) fail("Cannot lock " + display(path), code);
+    if (!granted) return nullptr;
+    auto lock = std::make_unique<DescriptorLock>(file.get());
+    file.release();  // the lock owns it now
+    return lock;
 }
 
 }  // namespace opc

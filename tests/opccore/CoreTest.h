@@ -24,6 +24,7 @@ namespace opc::test {
 
 namespace fs = std::filesystem;
 using opc::ExistsMode;
+using opc::LockMode;
 using Ops = opc::LocalFileSystemOps;
 using Strings = std::vector<std::string>;
 

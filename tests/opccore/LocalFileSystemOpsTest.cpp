@@ -2,6 +2,8 @@
 
 #include "support/IrregularEntries.h"
 
+#include <sys/stat.h>
+
 #include <set>
 
 namespace opc::test {
@@ -12,6 +14,7 @@ using Folders = Fixture;
 using Streams = Fixture;
 using Messages = Fixture;
 using Strangers = Fixture;
+using Locks = Fixture;
 
 Strings listed(Ops& ops, const std::u16string& folder, bool recursive) {
     std::vector<std::u16string> files;
@@ -152,6 +155,33 @@ TEST_F(Messages, NameTheOperationAndPathsWithTheSystemWording) {
         EXPECT_EQ(code, systemCode(c.errorValue));
         EXPECT_EQ(code.message(), std::strerror(c.errorValue));
     }
+}
+
+TEST_F(Locks, MakeAMissingFileKeepAnExistingOneAndRefuseWhatIsNoRegularFile) {
+    writeFile(dir.path() / "kept", "bytes");
+    fs::create_directory(dir.path() / "folder");
+    fs::create_symlink("created-by-link", dir.path() / "link");
+    for (const LockMode mode : {LockMode::Shared, LockMode::Exclusive}) {
+        EXPECT_NE(ops.lockFile(dir.u16("made"), mode, std::nullopt), nullptr);
+        EXPECT_NE(ops.lockFile(dir.u16("kept"), mode, std::chrono::seconds(0)), nullptr);
+    }
+    const TreeSnapshot before = snapshotTree(dir.path());
+    ASSERT_EQ(::mkfifo((dir.path() / "fifo").c_str(), 0600), 0);  // opened, it would block a reader of the tree
+    const std::vector<std::pair<std::string, int>> refused = {
+        {"missing/lock", ENOENT}, {"folder", EISDIR}, {"link", ELOOP}, {"fifo", ENXIO}};
+    for (const auto& [name, errorValue] : refused) {
+        SCOPED_TRACE(name);
+        const auto [what, code] = caught([&] { ops.lockFile(dir.u16(name), LockMode::Shared, std::nullopt); });
+        EXPECT_EQ(what, message("lock", dir.u16(name)));
+        EXPECT_EQ(code, systemCode(errorValue));
+    }
+    const auto [what, code] = caught([&] { ops.lockFile(dir.u16("other"), static_cast<LockMode>(2), std::nullopt); });
+    EXPECT_EQ(what, message("lock", dir.u16("other")));
+    EXPECT_EQ(code, systemCode(EINVAL));
+    fs::remove(dir.path() / "fifo");
+    EXPECT_EQ(snapshotTree(dir.path()), before);
+    EXPECT_EQ(readFile(dir.path() / "made"), "");
+    EXPECT_EQ(readFile(dir.path() / "kept"), "bytes");
 }
 
 }  // namespace

@@ -24,6 +24,7 @@ const char* hookName(Hook hook) {
         case Hook::Rename: return "rename";
         case Hook::RemoveAll: return "removeAll";
         case Hook::RemoveAllReporting: return "removeAll(ec)";
+        case Hook::LockFile: return "lockFile";
     }
     return "?";
 }
@@ -170,6 +171,13 @@ void FaultyFileSystemOps::removeAllImpl(const std::u16string& path, boost::syste
         return;
     }
     LocalFileSystemOps::removeAllImpl(path, errorCode);
+}
+
+std::unique_ptr<FileLock> FaultyFileSystemOps::lockFileImpl(const std::u16string& path,
+                                                            LockMode mode,
+                                                            std::optional<std::chrono::nanoseconds> timeout) {
+    enterThrowing(Hook::LockFile, path);
+    return LocalFileSystemOps::lockFileImpl(path, mode, timeout);
 }
 
 }  // namespace opc::test

@@ -30,6 +30,7 @@ enum class Hook {
     Rename,
     RemoveAll,           // throwing form
     RemoveAllReporting,  // error_code form
+    LockFile,
 };
 
 const char* hookName(Hook hook);
@@ -93,6 +94,9 @@ protected:
     void renameImpl(const std::u16string& from, const std::u16string& to) override;
     void removeAllImpl(const std::u16string& path) override;
     void removeAllImpl(const std::u16string& path, boost::system::error_code& errorCode) noexcept override;
+    std::unique_ptr<FileLock> lockFileImpl(const std::u16string& path,
+                                           LockMode mode,
+                                           std::optional<std::chrono::nanoseconds> timeout) override;
 
 private:
     struct Rule {

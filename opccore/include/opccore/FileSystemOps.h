@@ -1,13 +1,16 @@
 #pragma once
 
 #include <opccore/Export.h>
+#include <opccore/FileLock.h>
 
 #include <boost/system/error_code.hpp>
 
+#include <chrono>
 #include <cstdint>
 #include <ios>
 #include <istream>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -19,6 +22,12 @@ enum class ExistsMode : std::int32_t {
     Fail = 0,       // throw
     Overwrite = 1,  // replace the destination's content
     Skip = 2,       // leave the destination as it is
+};
+
+// What lockFile() asks for.
+enum class LockMode : std::int32_t {
+    Shared = 0,     // held by any number of holders at once, none of them exclusive
+    Exclusive = 1,  // held by one holder alone
 };
 
 // Everything the OPC libraries do to a disk goes through one object of this
@@ -33,8 +42,9 @@ enum class ExistsMode : std::int32_t {
 //   reports the failure and whose code().message() names the cause, since
 //   callers append that text to their own messages. Other exceptions (such as
 //   std::bad_alloc) pass through unchanged.
-// - No operation retries or sleeps. An operation that fails part-way may have
-//   changed the disk; what it leaves is stated below and in the implementation.
+// - No operation retries or sleeps, but lockFile, which waits for its lock.
+//   An operation that fails part-way may have changed the disk; what it
+//   leaves is stated below and in the implementation.
 // - Each public operation forwards to the protected virtual hook of the same
 //   name plus "Impl", with the same parameters; the reporting forms' hooks are
 //   noexcept too. A test double derives from LocalFileSystemOps and overrides
@@ -126,6 +136,17 @@ public:
     void removeAll(const std::u16string& path);
     void removeAll(const std::u16string& path, boost::system::error_code& errorCode) noexcept;
 
+    // Locks the file at path in mode, creating it empty when it is missing;
+    // its folder must exist. Two locks on one file conflict when either is
+    // exclusive, also when both are held by this process. Without a timeout
+    // waits until the lock is granted; with one, returns null when it ran out
+    // first (zero: only tries). The lock lasts until the result is destroyed
+    // or the process ends, however it ends. Never removes the file: a lock
+    // file must stay put while anyone may open it.
+    std::unique_ptr<FileLock> lockFile(const std::u16string& path,
+                                       LockMode mode,
+                                       std::optional<std::chrono::nanoseconds> timeout);
+
 protected:
     FileSystemOps() = default;
 
@@ -148,6 +169,9 @@ protected:
     virtual void renameImpl(const std::u16string& from, const std::u16string& to) = 0;
     virtual void removeAllImpl(const std::u16string& path) = 0;
     virtual void removeAllImpl(const std::u16string& path, boost::system::error_code& errorCode) noexcept = 0;
+    virtual std::unique_ptr<FileLock> lockFileImpl(const std::u16string& path,
+                                                   LockMode mode,
+                                                   std::optional<std::chrono::nanoseconds> timeout) = 0;
 };
 
 }  // namespace opc

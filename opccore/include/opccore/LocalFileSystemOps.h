@@ -84,6 +84,13 @@ namespace opc {
 // - removeAll: removes links, not what they point to. A missing path is no
 //   failure. Throwing form: "Cannot remove <path>"; what was removed before a
 //   failure stays removed.
+// - lockFile: flock(2) on the file opened read-only, made with mode 0666 less
+//   the umask when missing, so a lock held by a process that dies is released
+//   by the kernel at once. A link (ELOOP), folder (EISDIR) or other file that
+//   is not regular (ENXIO) at the path is refused; a missing folder is ENOENT.
+//   Throws "Cannot lock <path>". A bounded wait polls, so it may end up to a
+//   few milliseconds after a release; an unbounded one is woken by the
+//   release itself.
 class OPCCORE_EXPORT LocalFileSystemOps : public FileSystemOps {
 public:
     LocalFileSystemOps();
@@ -113,6 +120,9 @@ protected:
     void renameImpl(const std::u16string& from, const std::u16string& to) override;
     void removeAllImpl(const std::u16string& path) override;
     void removeAllImpl(const std::u16string& path, boost::system::error_code& errorCode) noexcept override;
+    std::unique_ptr<FileLock> lockFileImpl(const std::u16string& path,
+                                           LockMode mode,
+                                           std::optional<std::chrono::nanoseconds> timeout) override;
 };
 
 }  // namespace opc
