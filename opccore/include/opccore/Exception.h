@@ -14,6 +14,7 @@ namespace opc {
 // - the empty code (value 0, system category): a failure the package found
 //   itself;
 // - errc::no_such_file_or_directory (generic category): "Package does not exist";
+// - errc::timed_out (generic category): a package lock not granted in time;
 // - any other code: a failed file-system operation, passed on unchanged.
 class OPCCORE_EXPORT Exception : public std::runtime_error {
 public:
