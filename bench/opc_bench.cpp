@@ -16,9 +16,11 @@
 
 #include <opcfspackage/FileSystemPartInfo.h>
 #include <opcfspackage/FileSystemPhysicalPackage.h>
+#include <opcfspackage/PackageLock.h>
 
 #include <fcntl.h>
 #include <malloc.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/statfs.h>
 #include <sys/utsname.h>
@@ -63,10 +65,11 @@ struct Sizes {
     std::size_t commitBytes;
     std::size_t createParts;
     int repetitions;
+    std::size_t lockPairs;
 };
 
-constexpr Sizes kFull{20000, 100000, 512 * kMiB, 512 * kMiB, 2000, 1024 * kMiB, 10000, 5};
-constexpr Sizes kQuick{2000, 5000, 16 * kMiB, 16 * kMiB, 200, 32 * kMiB, 1000, 3};
+constexpr Sizes kFull{20000, 100000, 512 * kMiB, 512 * kMiB, 2000, 1024 * kMiB, 10000, 5, 20000};
+constexpr Sizes kQuick{2000, 5000, 16 * kMiB, 16 * kMiB, 200, 32 * kMiB, 1000, 3, 2000};
 
 // ---- Small helpers -------------------------------------------------------------
 
@@ -632,6 +635,57 @@ MemoryResult memoryWorkload(const fs::path& root, std::size_t parts) {
     return result;
 }
 
+// ---- Package lock --------------------------------------------------------------------
+
+struct LockResult {
+    std::size_t pairs = 0;
+    double sharedMicros = 0;
+    double exclusiveMicros = 0;
+    double baselineMicros = 0;  // open + flock + close of the same file, by hand
+};
+
+// Microseconds per take-and-release, the median over repetitions of pairs
+// taken back to back, uncontended.
+double microsPerPair(int repetitions, std::size_t pairs, const std::function<void()>& pair) {
+    std::vector<double> samples;
+    for (int repetition = -1; repetition < repetitions; ++repetition) {
+        const auto start = Clock::now();
+        for (std::size_t i = 0; i < pairs; ++i) pair();
+        if (repetition >= 0) samples.push_back(seconds(Clock::now() - start) * 1e6 / static_cast<double>(pairs));
+    }
+    return median(samples);
+}
+
+LockResult lockWorkload(const fs::path& root, std::size_t pairs, int repetitions) {
+    const fs::path package = root / "lock";
+    const std::u16string path = widen(package.string());
+    LockResult result;
+    result.pairs = pairs;
+    result.sharedMicros =
+        microsPerPair(repetitions, pairs, [&] { const opc::fspackage::PackageLock lock(path, opc::LockMode::Shared); });
+    result.exclusiveMicros = microsPerPair(
+        repetitions, pairs, [&] { const opc::fspackage::PackageLock lock(path, opc::LockMode::Exclusive); });
+    const fs::path lockFile = root / ".opc-lock-lock";
+    require(fs::is_regular_file(lockFile) && !fs::exists(package), "the lock file is not where it belongs");
+    result.baselineMicros = microsPerPair(repetitions, pairs, [&] {
+        const int fd = ::open(lockFile.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0666);
+        if (fd < 0 || ::flock(fd, LOCK_EX) != 0) throw systemFailure("flock");
+        ::close(fd);
+    });
+    fs::remove(lockFile);
+    return result;
+}
+
+void printLock(const LockResult& lock) {
+    constexpr double kTarget = 20;
+    const bool met = lock.sharedMicros <= kTarget && lock.exclusiveMicros <= kTarget;
+    std::printf(
+        "\nlock: PackageLock taken and released %zu times uncontended: shared %.2f us, exclusive %.2f us per pair "
+        "(baseline open + flock + close %.2f us, ratio %.2f; target <= %.0f us) %s\n",
+        lock.pairs, lock.sharedMicros, lock.exclusiveMicros, lock.baselineMicros,
+        std::max(lock.sharedMicros, lock.exclusiveMicros) / lock.baselineMicros, kTarget, met ? "met" : "MISSED");
+}
+
 // ---- Report ------------------------------------------------------------------------
 
 std::string firstLineOf(const char* file, const std::string& prefix) {
@@ -810,7 +864,17 @@ int run(const Options& options) {
             fs::remove_all(path, ignored);
         }
     }
-    printTable(rows);
+    if (!rows.empty()) printTable(rows);
+
+    if (selected(options, "lock")) {
+        std::fprintf(stderr, "opc_bench: lock...\n");
+        try {
+            printLock(lockWorkload(data.path(), sizes.lockPairs, repetitions));
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "opc_bench: lock failed: %s\n", e.what());
+            failed = true;
+        }
+    }
 
     if (selected(options, "memory")) {
         std::fprintf(stderr, "opc_bench: memory...\n");
@@ -834,7 +898,7 @@ int main(int argc, char** argv) {
     if (!options) {
         std::fprintf(stderr,
                      "usage: opc_bench [--quick] [--verbose] [--repetitions N] [--dir FOLDER] "
-                     "[--only open,read,write,commit,commit-swap,create,memory]\n");
+                     "[--only open,read,write,commit,commit-swap,create,lock,memory]\n");
         return 2;
     }
     try {
