@@ -60,4 +60,8 @@ std::unique_ptr<FileLock> FileSystemOps::lockFile(const std::u16string& path,
     return lockFileImpl(path, mode, timeout);
 }
 
+std::uint64_t FileSystemOps::fileSize(const std::u16string& path) { return fileSizeImpl(path); }
+
+void FileSystemOps::replaceFile(const std::u16string& from, const std::u16string& to) { replaceFileImpl(from, to); }
+
 }  // namespace opc

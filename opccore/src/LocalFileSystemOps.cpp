@@ -375,6 +375,31 @@ error_code lockDescriptor(int fd, int operation, std::optional<std::chrono::nano
     }
 }
 
+error_code sizeOfFile(const std::u16string& path, std::uint64_t& size) {
+    std::string native;
+    if (error_code code = nativePath(path, native)) return code;
+    // The file an input stream would read, or the same refusal.
+    struct stat info {};
+    if (::lstat(native.c_str(), &info) != 0) return lastError();
+    if (S_ISLNK(info.st_mode)) return systemError(ELOOP);
+    if (error_code code = refuseIrregular(info)) return code;
+    size = static_cast<std::uint64_t>(info.st_size);
+    return {};
+}
+
+error_code replaceWithFile(const std::u16string& from, const std::u16string& to) {
+    std::string nativeFrom;
+    std::string nativeTo;
+    if (error_code code = nativePath(from, nativeFrom)) return code;
+    if (error_code code = nativePath(to, nativeTo)) return code;
+    Descriptor file;
+    struct stat info {};
+    if (error_code code = openRegularFile(from, O_RDONLY, file, info)) return code;
+    if (::fsync(file.get()) != 0) return lastError();
+    // From is a regular file, so rename(2) itself refuses a folder at to.
+    return ::rename(nativeFrom.c_str(), nativeTo.c_str()) == 0 ? error_code() : lastError();
+}
+
 std::u16string currentFolder() {
     std::string buffer(256, '\0');
     while (::getcwd(buffer.data(), buffer.size()) == nullptr) {
@@ -565,6 +590,17 @@ std::unique_ptr<FileLock> LocalFileSystemOps::lockFileImpl(const std::u16string&
     auto lock = std::make_unique<DescriptorLock>(file.get());
     file.release();  // the lock owns it now
     return lock;
+}
+
+std::uint64_t LocalFileSystemOps::fileSizeImpl(const std::u16string& path) {
+    std::uint64_t size = 0;
+    if (error_code code = sizeOfFile(path, size)) fail("Cannot read the size of " + display(path), code);
+    return size;
+}
+
+void LocalFileSystemOps::replaceFileImpl(const std::u16string& from, const std::u16string& to) {
+    if (error_code code = replaceWithFile(from, to))
+        fail("Cannot replace " + display(to) + " by " + display(from), code);
 }
 
 }  // namespace opc

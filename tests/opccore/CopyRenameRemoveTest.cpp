@@ -1,5 +1,7 @@
 #include "CoreTest.h"
 
+#include <sys/stat.h>
+
 #include <cstdint>
 
 namespace opc::test {
@@ -8,6 +10,8 @@ namespace {
 using Copy = Fixture;
 using Rename = Fixture;
 using RemoveAll = Fixture;
+using FileSize = Fixture;
+using ReplaceFile = Fixture;
 
 TEST_F(Copy, FileLargerThan64MiBIsCopiedByteForByte) {
     // Pseudo-random bytes, so a skipped, doubled or shifted block shows.
@@ -78,6 +82,49 @@ TEST_F(RemoveAll, MissingPathIsNoFailureAndALinkGoesWithoutItsTarget) {
     EXPECT_FALSE(code) << code.message();
     EXPECT_EQ(listFolder(dir.path()), Strings{"target"});
     EXPECT_EQ(snapshotTree(dir.path() / "target"), target);
+}
+
+TEST_F(FileSize, IsTheByteCountOfARegularFileAndFailsWhereAnInputStreamWould) {
+    writeFile(dir.path() / "file", std::string(70000, 'x'));
+    writeFile(dir.path() / "empty", "");
+    fs::create_symlink(dir.path() / "file", dir.path() / "link");
+    EXPECT_EQ(ops.fileSize(dir.u16("file")), 70000u);
+    EXPECT_EQ(ops.fileSize(dir.u16("empty")), 0u);
+    const auto fails = [&](const char* name, int error) {
+        EXPECT_OPC_EXCEPTION(ops.fileSize(dir.u16(name)), "Cannot read the size of \"" + toUtf8(dir.u16(name)) + "\"",
+                             systemCode(error));
+    };
+    fails("", EISDIR);
+    fails("missing", ENOENT);
+    fails("file/below", ENOTDIR);
+    fails("link", ELOOP);
+    ASSERT_EQ(::mkfifo((dir.path() / "fifo").c_str(), 0600), 0);
+    fails("fifo", ENXIO);
+}
+
+TEST_F(ReplaceFile, PutsTheFileInPlaceOfAFileButNeverOfAFolder) {
+    const std::string bytes("new\0content\xff", 12);
+    writeFile(dir.path() / "tmp", bytes);
+    writeFile(dir.path() / "out.zip", "an old archive, longer than the new one");
+    ops.replaceFile(dir.u16("tmp"), dir.u16("out.zip"));
+    writeFile(dir.path() / "tmp2", "second");
+    ops.replaceFile(dir.u16("tmp2"), dir.u16("fresh.zip"));
+    EXPECT_EQ(snapshotTree(dir.path()), (TreeSnapshot{{"fresh.zip", "second"}, {"out.zip", bytes}}));
+
+    writeFile(dir.path() / "tmp", "third");
+    fs::create_directories(dir.path() / "folder");
+    fs::create_symlink(dir.path() / "tmp", dir.path() / "link");
+    const TreeSnapshot before = snapshotTree(dir.path());
+    const auto fails = [&](const char* from, const char* to, int error) {
+        EXPECT_OPC_EXCEPTION(ops.replaceFile(dir.u16(from), dir.u16(to)),
+                             "Cannot replace \"" + toUtf8(dir.u16(to)) + "\" by \"" + toUtf8(dir.u16(from)) + "\"",
+                             systemCode(error));
+        EXPECT_EQ(snapshotTree(dir.path()), before) << from << " " << to;
+    };
+    fails("tmp", "folder", EISDIR);
+    fails("missing", "out.zip", ENOENT);
+    fails("folder", "moved", EISDIR);
+    fails("link", "out.zip", ELOOP);
 }
 
 }  // namespace

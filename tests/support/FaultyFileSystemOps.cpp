@@ -25,6 +25,8 @@ const char* hookName(Hook hook) {
         case Hook::RemoveAll: return "removeAll";
         case Hook::RemoveAllReporting: return "removeAll(ec)";
         case Hook::LockFile: return "lockFile";
+        case Hook::FileSize: return "fileSize";
+        case Hook::ReplaceFile: return "replaceFile";
     }
     return "?";
 }
@@ -178,6 +180,16 @@ std::unique_ptr<FileLock> FaultyFileSystemOps::lockFileImpl(const std::u16string
                                                             std::optional<std::chrono::nanoseconds> timeout) {
     enterThrowing(Hook::LockFile, path);
     return LocalFileSystemOps::lockFileImpl(path, mode, timeout);
+}
+
+std::uint64_t FaultyFileSystemOps::fileSizeImpl(const std::u16string& path) {
+    enterThrowing(Hook::FileSize, path);
+    return LocalFileSystemOps::fileSizeImpl(path);
+}
+
+void FaultyFileSystemOps::replaceFileImpl(const std::u16string& from, const std::u16string& to) {
+    enterThrowing(Hook::ReplaceFile, from, to);
+    LocalFileSystemOps::replaceFileImpl(from, to);
 }
 
 }  // namespace opc::test

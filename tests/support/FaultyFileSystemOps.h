@@ -31,6 +31,8 @@ enum class Hook {
     RemoveAll,           // throwing form
     RemoveAllReporting,  // error_code form
     LockFile,
+    FileSize,
+    ReplaceFile,
 };
 
 const char* hookName(Hook hook);
@@ -38,7 +40,7 @@ const char* hookName(Hook hook);
 struct Call {
     Hook hook;
     std::u16string path;    // the first path argument
-    std::u16string second;  // the second path (copy, rename, appendPath), else empty
+    std::u16string second;  // the second path (copy, rename, replaceFile, appendPath), else empty
     bool failed = false;    // whether this call was made to fail
 };
 
@@ -97,6 +99,8 @@ protected:
     std::unique_ptr<FileLock> lockFileImpl(const std::u16string& path,
                                            LockMode mode,
                                            std::optional<std::chrono::nanoseconds> timeout) override;
+    std::uint64_t fileSizeImpl(const std::u16string& path) override;
+    void replaceFileImpl(const std::u16string& from, const std::u16string& to) override;
 
 private:
     struct Rule {

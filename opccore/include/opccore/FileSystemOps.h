@@ -147,6 +147,19 @@ public:
                                        LockMode mode,
                                        std::optional<std::chrono::nanoseconds> timeout);
 
+    // What a client of the service needs beyond what the package does, such
+    // as a tool writing an archive file beside a package.
+
+    // The size in bytes of the file at path that createInputStream would
+    // read; fails where createInputStream would.
+    std::uint64_t fileSize(const std::u16string& path);
+
+    // Moves the file from to to in one step, replacing a file at to but never
+    // a folder (EISDIR); from is a file createInputStream would read. Its
+    // content is on stable storage before the move, so that no crash leaves
+    // to naming a file without its data.
+    void replaceFile(const std::u16string& from, const std::u16string& to);
+
 protected:
     FileSystemOps() = default;
 
@@ -172,6 +185,8 @@ protected:
     virtual std::unique_ptr<FileLock> lockFileImpl(const std::u16string& path,
                                                    LockMode mode,
                                                    std::optional<std::chrono::nanoseconds> timeout) = 0;
+    virtual std::uint64_t fileSizeImpl(const std::u16string& path) = 0;
+    virtual void replaceFileImpl(const std::u16string& from, const std::u16string& to) = 0;
 };
 
 }  // namespace opc

@@ -91,6 +91,13 @@ namespace opc {
 //   Throws "Cannot lock <path>". A bounded wait polls, so it may end up to a
 //   few milliseconds after a release; an unbounded one is woken by the
 //   release itself.
+// - fileSize: answers for the file createInputStream would open, without
+//   opening it (lstat): a link in the last component is ELOOP, a folder
+//   EISDIR, a FIFO, socket or device ENXIO, a missing file ENOENT. Throws
+//   "Cannot read the size of <path>".
+// - replaceFile: from is opened as createInputStream opens it and synced
+//   (fsync) before rename(2); a folder at to fails with EISDIR, a missing
+//   from with ENOENT. Throws "Cannot replace <to> by <from>".
 class OPCCORE_EXPORT LocalFileSystemOps : public FileSystemOps {
 public:
     LocalFileSystemOps();
@@ -123,6 +130,8 @@ protected:
     std::unique_ptr<FileLock> lockFileImpl(const std::u16string& path,
                                            LockMode mode,
                                            std::optional<std::chrono::nanoseconds> timeout) override;
+    std::uint64_t fileSizeImpl(const std::u16string& path) override;
+    void replaceFileImpl(const std::u16string& from, const std::u16string& to) override;
 };
 
 }  // namespace opc
