@@ -9,6 +9,7 @@ packages=(
   libboost-dev libboost-system-dev
   googletest libgtest-dev libgmock-dev
   libzip-dev zip unzip
+  libpugixml-dev
   libbenchmark-dev
   clang-format clang-tidy
 )

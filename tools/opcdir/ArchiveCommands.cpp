@@ -10,7 +10,6 @@
 #include <opcfspackage/FileSystemPartInfo.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <memory>
 
 namespace opcdir {
@@ -93,21 +92,20 @@ private:
 
 // The archive's path, refused when packing would write into the package or
 // onto a folder.
-std::string archivePathFor(Session& session, const std::string& archiveName) {
-    std::string archivePath;
+std::u16string archivePathFor(Session& session, const std::string& archiveName) {
+    opc::FileSystemOps& fileSystem = session.fileSystem();
     try {
-        archivePath = toUtf8(session.fileSystem().normalizePath(toUtf16(archiveName)));
+        const std::u16string archivePath = fileSystem.normalizePath(toUtf16(archiveName));
+        const std::u16string root = session->getPackageRoot();
+        if (archivePath == root || archivePath.compare(0, root.size() + 1, root + u"/") == 0)
+            throw Failure(archiveName, "lies inside the package " + session.name());
+        if (fileSystem.isFolder(archivePath)) throw Failure(archiveName, "is a folder");
+        if (!fileSystem.isFolder(fileSystem.getParentPath(archivePath)))
+            throw Failure(archiveName, "its folder does not exist");
+        return archivePath;
     } catch (const opc::Exception& e) {
         throw Failure(archiveName, libraryCause(e));
     }
-    const std::string root = toUtf8(session->getPackageRoot());
-    if (archivePath == root || archivePath.compare(0, root.size() + 1, root + "/") == 0)
-        throw Failure(archiveName, "lies inside the package " + session.name());
-    std::error_code error;
-    if (std::filesystem::is_directory(archivePath, error)) throw Failure(archiveName, "is a folder");
-    const std::string folder = archivePath.substr(0, archivePath.rfind('/') + 1);
-    if (!std::filesystem::is_directory(folder, error)) throw Failure(archiveName, "its folder does not exist");
-    return archivePath;
 }
 
 }  // namespace
@@ -117,7 +115,7 @@ void unpackCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem
     const std::string& packageName = args.operands[1];
     const Limits limits = limitsOf(args);
 
-    ZipReader reader(archiveName, archiveName);
+    ZipReader reader(fileSystem, archiveName, archiveName);
     const std::vector<const ZipEntry*> files = checkEntries(archiveName, reader, limits);
     reader.checkConsistency();
     if (!args.has("--force") && !isFreeTarget(fileSystem, packageName))
@@ -154,7 +152,7 @@ void packCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) 
     const std::string& packageName = args.operands[0];
     const std::string& archiveName = args.operands[1];
     Session session(fileSystem, packageName, OpenMode::Read);
-    const std::string archivePath = archivePathFor(session, archiveName);
+    const std::u16string archivePath = archivePathFor(session, archiveName);
 
     const std::vector<Listed> listed = listParts(session);
     std::vector<std::unique_ptr<PartSource>> sources;

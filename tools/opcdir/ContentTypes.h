@@ -12,9 +12,10 @@ namespace opcdir {
 // ASCII case, and percent-encoded bytes match the bytes they stand for.
 class ContentTypes {
 public:
-    // Reads the Default and Override elements of xml; anything else, and any
-    // element it cannot read, is ignored, so a broken stream gives fewer
-    // content types rather than a failure.
+    // Reads the Default and Override elements of xml (UTF-8, or UTF-16 with
+    // a byte-order mark) at any depth; anything else is ignored, and a stream
+    // broken part way gives the elements before the fault rather than a
+    // failure.
     static ContentTypes parse(std::string_view xml);
 
     // The content type of the part partName ("/word/document.xml"), or empty

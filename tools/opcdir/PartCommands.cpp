@@ -10,9 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
+#include <memory>
 #include <set>
 
 namespace opcdir {
@@ -107,6 +105,16 @@ std::string conflictReason(Session& session, const std::string& partName) {
     return {};
 }
 
+// A user's file to read, opened as the library opens parts.
+std::shared_ptr<std::istream> openInput(opc::FileSystemOps& fileSystem, const std::string& name) {
+    boost::system::error_code code;
+    std::shared_ptr<std::istream> stream =
+        fileSystem.createInputStream(toUtf16(name), std::ios_base::in | std::ios_base::binary, code);
+    if (stream && !code) return stream;
+    if (code == boost::system::error_code(EISDIR, boost::system::system_category())) throw Failure(name, "is a folder");
+    throw Failure(name, code ? code.message() : "cannot open");
+}
+
 IPhysicalOutputStream* outputFor(Session& session, const std::string& partName) {
     try {
         if (partName == contentTypesPartName()) return session->getContentTypeOutputStream();
@@ -160,16 +168,13 @@ void catCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
 void putCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
     const std::string& packageName = args.operands[0];
     const std::string partName = partNameArgument(packageName, args.operands[1]);
-    std::ifstream file;
+    std::shared_ptr<std::istream> file;
     std::istream* input = &io.in;
     std::string inputName = "standard input";
     if (args.operands.size() == 3 && args.operands[2] != "-") {
         inputName = args.operands[2];
-        std::error_code error;
-        if (std::filesystem::is_directory(inputName, error)) throw Failure(inputName, "is a folder");
-        file.open(inputName, std::ios::binary);
-        if (!file) throw Failure(inputName, std::strerror(errno));
-        input = &file;
+        file = openInput(fileSystem, inputName);
+        input = file.get();
     }
 
     Session session(fileSystem, packageName, OpenMode::ReadWrite);
@@ -205,11 +210,17 @@ void removeCommand(const Arguments& args, Io&, opc::FileSystemOps& fileSystem) {
     session.commit();
 }
 
-bool isFreeTarget(opc::FileSystemOps&, const std::string& path) {
-    std::error_code error;
-    const auto status = std::filesystem::symlink_status(path, error);
-    if (status.type() == std::filesystem::file_type::not_found) return true;
-    return status.type() == std::filesystem::file_type::directory && std::filesystem::is_empty(path, error) && !error;
+bool isFreeTarget(opc::FileSystemOps& fileSystem, const std::string& path) {
+    try {
+        const std::u16string target = toUtf16(path);
+        if (!fileSystem.exists(target)) return true;
+        if (!fileSystem.isFolder(target)) return false;
+        std::vector<std::u16string> files;
+        fileSystem.getFiles(target, files, true);
+        return files.empty();
+    } catch (const opc::Exception& e) {
+        throw Failure(path, libraryCause(e));
+    }
 }
 
 void newCommand(const Arguments& args, Io&, opc::FileSystemOps& fileSystem) {

@@ -13,7 +13,7 @@ void removeCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem
 void newCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem);
 
 // A folder that may become a new package without being forced: nothing at
-// all, or an empty folder.
+// all, or a folder with no file below it.
 bool isFreeTarget(opc::FileSystemOps& fileSystem, const std::string& path);
 
 }  // namespace opcdir

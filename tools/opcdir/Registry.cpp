@@ -22,7 +22,8 @@ const std::vector<Command>& commands() {
          "put PKG PART [FILE]",
          "make FILE (or standard input) the whole content of a part",
          "  The part is created when it is new. PART may be written with or without\n"
-         "  its leading \"/\". \"-\" as FILE reads standard input.\n",
+         "  its leading \"/\". FILE must be a regular file, not a symbolic link;\n"
+         "  \"-\" reads standard input.\n",
          {},
          2,
          3,
@@ -38,7 +39,7 @@ const std::vector<Command>& commands() {
         {"new",
          "new PKG",
          "make an empty folder package with a minimal [Content_Types].xml",
-         "  PKG must not exist, or be an empty folder.\n",
+         "  PKG must not exist, or be a folder with no files in it.\n",
          {},
          1,
          1,

@@ -6,7 +6,6 @@
 #include <boost/system/error_code.hpp>
 
 #include <algorithm>
-#include <filesystem>
 
 namespace opcdir {
 
@@ -60,16 +59,11 @@ void Session::commit() {
 }
 
 std::uint64_t Session::sizeOf(const std::string& partName) {
-    std::u16string file;
     try {
-        file = service.appendPath(package->getPackageRoot(), toUtf16(partName.substr(1)));
+        return service.fileSize(service.appendPath(package->getPackageRoot(), toUtf16(partName.substr(1))));
     } catch (const opc::Exception& e) {
         throw Failure(subject, "cannot read part " + quoteName(partName) + ": " + libraryCause(e));
     }
-    std::error_code error;
-    const std::uintmax_t size = std::filesystem::file_size(toUtf8(file), error);
-    if (error) throw Failure(subject, "cannot read part " + quoteName(partName) + ": " + error.message());
-    return size;
 }
 
 std::vector<Listed> listParts(Session& session) {

@@ -1,13 +1,15 @@
 #pragma once
 
+#include "CentralDirectory.h"
+
+#include <opccore/FileSystemOps.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <opccore/FileSystemOps.h>
 
 struct zip;
 
@@ -16,40 +18,36 @@ namespace opcdir {
 // The text libzip gives an error code.
 std::string zipErrorText(int code);
 
-struct ZipEntry {
-    std::uint64_t index = 0;
-    std::string name;        // the bytes the central directory holds
-    std::uint64_t size = 0;  // as declared; reading checks the truth
-    std::uint64_t compressedSize = 0;
-};
+class ArchiveFile;
 
-// A ZIP archive read entry by entry. Every failure is a Failure whose subject
-// is the archive as the user named it.
+// A ZIP archive read entry by entry, through the file-system service. Every
+// failure is a Failure whose subject is the archive as the user named it.
 class ZipReader {
 public:
-    // Reads the central directory. Entry names are taken from its raw bytes,
-    // so that a NUL in a name is seen rather than silently replaced.
-    ZipReader(std::string subject, const std::string& path);
+    // Opens the archive and reads its central directory.
+    ZipReader(opc::FileSystemOps& fileSystem, std::string subject, const std::string& path);
     ~ZipReader();
     ZipReader(const ZipReader&) = delete;
     ZipReader& operator=(const ZipReader&) = delete;
 
     // Every entry, folder entries included, in central-directory order.
-    const std::vector<ZipEntry>& entries() const { return all; }
+    const std::vector<ZipEntry>& entries() const { return directory.entries; }
 
-    // Checks that local headers agree with the central directory.
+    // Checks that the local headers agree with the central directory and
+    // readies the archive for read().
     // REQUIRES: no two entries share a name (the check counts them corrupt).
     void checkConsistency();
 
     // Passes the entry's bytes to sink piece by piece, as they are inflated;
     // the data is never held whole. Fails on bad data or a bad checksum.
+    // REQUIRES: checkConsistency() passed.
     void read(const ZipEntry& entry, const std::function<void(const char*, std::size_t)>& sink);
 
 private:
     std::string subject;
-    std::string path;
+    std::unique_ptr<ArchiveFile> file;
+    CentralDirectory directory;
     struct zip* archive = nullptr;
-    std::vector<ZipEntry> all;
 };
 
 // The bytes of one entry to be written, pulled in pieces while the archive is
@@ -63,14 +61,14 @@ public:
     virtual void close() = 0;
 };
 
-// A ZIP archive written to a hidden temporary file beside its path (named by
-// fileSystem) and renamed into place by commit(), so that the path never holds a half-written
+// A ZIP archive written through the file-system service to a hidden
+// temporary file beside its path and put in its place by commit(), so that the path never holds a half-written
 // archive. Entries are deflated, with a fixed timestamp and fixed attributes,
 // and ZIP64 records only where sizes or offsets need them: the same entries
 // give the same bytes.
 class ZipWriter {
 public:
-    ZipWriter(opc::FileSystemOps& fileSystem, std::string subject, const std::string& path);
+    ZipWriter(opc::FileSystemOps& fileSystem, std::string subject, std::u16string path);
     // Removes the temporary file unless commit() succeeded.
     ~ZipWriter();
     ZipWriter(const ZipWriter&) = delete;
@@ -83,15 +81,18 @@ public:
     // Called with the count of bytes read from sources so far.
     void onProgress(std::function<void(std::uint64_t)> callback) { progress = std::move(callback); }
 
-    // Writes the archive and renames it to the path.
+    // Writes the archive and puts it in place of whatever file is at the
+    // path.
     void commit();
 
 private:
     struct Context;
 
+    opc::FileSystemOps& service;
     std::string subject;
-    std::string path;
-    std::string temporaryPath;
+    std::u16string path;
+    std::u16string temporaryPath;
+    std::unique_ptr<ArchiveFile> file;
     struct zip* archive = nullptr;
     std::vector<std::unique_ptr<Context>> contexts;
     std::function<void(std::uint64_t)> progress;

@@ -1,5 +1,6 @@
 #include "Zip.h"
 
+#include "ArchiveFile.h"
 #include "Errors.h"
 #include "PartNames.h"
 #include "Session.h"
@@ -8,12 +9,7 @@
 
 #include <zip.h>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 
 namespace opcdir {
 namespace {
@@ -109,21 +105,28 @@ struct ZipWriter::Context {
     }
 };
 
-ZipWriter::ZipWriter(opc::FileSystemOps& fileSystem, std::string subjectName, const std::string& archivePath)
-    : subject(std::move(subjectName)), path(archivePath) {
+ZipWriter::ZipWriter(opc::FileSystemOps& fileSystem, std::string subjectName, std::u16string archivePath)
+    : service(fileSystem), subject(std::move(subjectName)), path(std::move(archivePath)) {
     try {
-        temporaryPath = toUtf8(fileSystem.getTempName(fileSystem.getParentPath(toUtf16(path))));
+        temporaryPath = service.getTempName(service.getParentPath(path));
     } catch (const opc::Exception& e) {
         throw Failure(subject, "cannot create: " + libraryCause(e));
     }
-    int error = 0;
-    archive = zip_open(temporaryPath.c_str(), ZIP_CREATE | ZIP_EXCL, &error);
-    if (archive == nullptr) throw Failure(subject, "cannot create: " + zipErrorText(error));
+    file = ArchiveFile::createNew(service, temporaryPath);
+    zip_error_t error;
+    zip_error_init(&error);
+    archive = file->openArchive(ZIP_CREATE | ZIP_TRUNCATE, &error);
+    const std::string cause = zip_error_strerror(&error);
+    zip_error_fini(&error);
+    if (archive == nullptr) throw Failure(subject, "cannot create: " + cause);
 }
 
 ZipWriter::~ZipWriter() {
     if (archive != nullptr) zip_discard(archive);
-    if (!committed) ::unlink(temporaryPath.c_str());
+    if (!committed && file->created()) {
+        boost::system::error_code ignored;  // a hidden file beside the archive is all a failure leaves
+        service.removeAll(temporaryPath, ignored);
+    }
     for (auto& context : contexts) zip_error_fini(&context->error);
 }
 
@@ -155,22 +158,16 @@ void ZipWriter::add(const std::string& name, std::uint64_t size, EntrySource& so
 
 void ZipWriter::commit() {
     if (zip_close(archive) != 0) {
-        const std::string cause = !firstError.empty() ? firstError : zip_strerror(archive);
+        const std::string cause = !firstError.empty()               ? firstError
+                                  : !file->serviceFailure().empty() ? file->serviceFailure()
+                                                                    : zip_strerror(archive);
         throw Failure(subject, cause);
     }
     archive = nullptr;
-
-    // The data reaches the disk before the name does, so that a crash right
-    // after the rename cannot leave an archive of holes.
-    const int descriptor = ::open(temporaryPath.c_str(), O_RDONLY | O_CLOEXEC);
-    if (descriptor < 0 || ::fsync(descriptor) != 0) {
-        const int error = errno;
-        if (descriptor >= 0) ::close(descriptor);
-        throw Failure(subject, std::string("cannot write: ") + std::strerror(error));
-    }
-    ::close(descriptor);
-    if (::rename(temporaryPath.c_str(), path.c_str()) != 0) {
-        throw Failure(subject, std::string("cannot write: ") + std::strerror(errno));
+    try {
+        service.replaceFile(temporaryPath, path);
+    } catch (const opc::Exception& e) {
+        throw Failure(subject, "cannot write: " + libraryCause(e));
     }
     committed = true;
 }
