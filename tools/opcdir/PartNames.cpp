@@ -2,15 +2,15 @@
 
 #include "Errors.h"
 
-#include <opccore/LocalFileSystemOps.h>
+#include <opccore/NameCodec.h>
 
 #include <cstdio>
 
 namespace opcdir {
 
-std::u16string toUtf16(std::string_view utf8) { return opc::LocalFileSystemOps::fromNativePath(utf8); }
+std::u16string toUtf16(std::string_view utf8) { return opc::NameCodec::decode(utf8); }
 
-std::string toUtf8(std::u16string_view utf16) { return opc::LocalFileSystemOps::toNativePath(utf16); }
+std::string toUtf8(std::u16string_view utf16) { return opc::NameCodec::encode(utf16); }
 
 std::string contentTypesPartName() { return "/" + std::string(kContentTypesName); }
 

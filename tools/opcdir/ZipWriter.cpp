@@ -6,6 +6,7 @@
 #include "Session.h"
 
 #include <opccore/Exception.h>
+#include <opccore/NameCodec.h>
 
 #include <zip.h>
 
@@ -16,25 +17,6 @@ namespace {
 
 bool isAscii(const std::string& name) {
     return std::all_of(name.begin(), name.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-}
-
-// Only the byte structure is checked; libzip validates the rest when the
-// name is marked UTF-8.
-bool isUtf8(const std::string& name) {
-    for (std::size_t i = 0; i < name.size();) {
-        const auto byte = static_cast<unsigned char>(name[i]);
-        const std::size_t length = byte < 0x80           ? 1
-                                   : (byte >> 5) == 0x6  ? 2
-                                   : (byte >> 4) == 0xe  ? 3
-                                   : (byte >> 3) == 0x1e ? 4
-                                                         : 0;
-        if (length == 0 || i + length > name.size()) return false;
-        for (std::size_t k = 1; k < length; ++k) {
-            if ((static_cast<unsigned char>(name[i + k]) & 0xc0) != 0x80) return false;
-        }
-        i += length;
-    }
-    return true;
 }
 
 // 1980-01-01 00:00:00, the first moment a ZIP timestamp can hold.
@@ -142,7 +124,9 @@ void ZipWriter::add(const std::string& name, std::uint64_t size, EntrySource& so
     if (zipSource == nullptr)
         throw Failure(subject, std::string("cannot add ") + quoteName(name) + ": " + zip_strerror(archive));
 
-    const zip_flags_t encoding = isAscii(name) ? ZIP_FL_ENC_GUESS : isUtf8(name) ? ZIP_FL_ENC_UTF_8 : ZIP_FL_ENC_RAW;
+    const zip_flags_t encoding = isAscii(name)                  ? ZIP_FL_ENC_GUESS
+                                 : opc::NameCodec::isUtf8(name) ? ZIP_FL_ENC_UTF_8
+                                                                : ZIP_FL_ENC_RAW;
     const zip_int64_t index = zip_file_add(archive, name.c_str(), zipSource, encoding);
     if (index < 0) {
         zip_source_free(zipSource);
