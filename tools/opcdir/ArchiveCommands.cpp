@@ -95,7 +95,7 @@ private:
 std::u16string archivePathFor(Session& session, const std::string& archiveName) {
     opc::FileSystemOps& fileSystem = session.fileSystem();
     try {
-        const std::u16string archivePath = fileSystem.normalizePath(toUtf16(archiveName));
+        std::u16string archivePath = fileSystem.normalizePath(toUtf16(archiveName));
         const std::u16string root = session->getPackageRoot();
         if (archivePath == root || archivePath.compare(0, root.size() + 1, root + u"/") == 0)
             throw Failure(archiveName, "lies inside the package " + session.name());

@@ -98,12 +98,19 @@ zip_int64_t ArchiveFile::call(void* data, zip_uint64_t length, zip_source_cmd_t 
 zip_int64_t ArchiveFile::read(void* data, zip_uint64_t length) {
     if (!in) return fail(ZIP_ER_READ, EBADF, "cannot read: not open");
     const zip_uint64_t count = std::min(length, inSize - std::min(readPosition, inSize));
-    in->clear();
-    in->seekg(static_cast<std::streamoff>(readPosition));
+    // libzip reads mostly in sequence; a seek would empty the stream's buffer.
+    if (readPosition != streamPosition) {
+        in->clear();
+        in->seekg(static_cast<std::streamoff>(readPosition));
+    }
     in->read(static_cast<char*>(data), static_cast<std::streamsize>(count));
     const auto got = static_cast<zip_uint64_t>(in->gcount());
-    if (got != count) return fail(ZIP_ER_READ, EIO, "cannot read: the file ended early");
+    if (got != count) {
+        streamPosition = kUnknown;
+        return fail(ZIP_ER_READ, EIO, "cannot read: the file ended early");
+    }
     readPosition += got;
+    streamPosition = readPosition;
     return static_cast<zip_int64_t>(got);
 }
 

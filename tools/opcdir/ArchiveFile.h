@@ -30,7 +30,10 @@ public:
     ~ArchiveFile();
 
     // The open archive (openExisting only) and its size.
-    std::istream& input() { return *in; }
+    std::istream& input() {
+        streamPosition = kUnknown;  // the caller moves it
+        return *in;
+    }
     std::uint64_t size() const { return inSize; }
 
     // Opens the archive in libzip with flags; the result reads or writes
@@ -61,6 +64,8 @@ private:
     std::shared_ptr<std::istream> in;
     std::uint64_t inSize = 0;
     zip_uint64_t readPosition = 0;
+    static constexpr zip_uint64_t kUnknown = ~zip_uint64_t{0};
+    zip_uint64_t streamPosition = kUnknown;  // where in stands, when known
     std::shared_ptr<std::ostream> out;
     zip_uint64_t writePosition = 0;
     zip_uint64_t writeEnd = 0;

@@ -106,7 +106,7 @@ NameTree::Result NameTree::check(const std::string& name) const {
 }
 
 NameTree::Result NameTree::add(const std::string& name) {
-    const Result result = check(name);
+    Result result = check(name);
     if (result.clash != Clash::None) return result;
     const auto [folded, isFolder] = split(name);
     forEachFolder(folded, [&](const std::string& folder) { nodes.emplace(folder, Node{false, name}); });
