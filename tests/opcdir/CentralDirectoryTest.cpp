@@ -30,7 +30,7 @@ std::string archiveWithZip64(bool zip64End, std::uint16_t extraSize = 24) {
     if (!zip64End)
         return directory + "PK\5\6" + littleEndian(0, 4) + littleEndian(0x10001, 4) + littleEndian(size, 4) +
                littleEndian(0, 4) + littleEndian(0, 2);
-    const std::string record = "PK\6\6" + le64(44) + littleEndian(45, 2) + littleEndian(45, 2) + littleEndian(0, 8) +
+    const std::string record = "PK\6\6" + le64(44) + littleEndian(45, 2) + littleEndian(45, 2) + std::string(8, '\0') +
                                le64(1) + le64(1) + le64(size) + le64(0);
     const std::string locator = "PK\6\7" + littleEndian(0, 4) + le64(size) + littleEndian(1, 4);
     return directory + record + locator + "PK\5\6" + littleEndian(0, 4) + littleEndian(0xffffffff, 4) +

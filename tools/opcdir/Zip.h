@@ -15,9 +15,6 @@ struct zip;
 
 namespace opcdir {
 
-// The text libzip gives an error code.
-std::string zipErrorText(int code);
-
 class ArchiveFile;
 
 // A ZIP archive read entry by entry, through the file-system service. Every

@@ -13,14 +13,6 @@ constexpr std::size_t kPiece = std::size_t{64} * 1024;
 
 }  // namespace
 
-std::string zipErrorText(int code) {
-    zip_error_t error;
-    zip_error_init_with_code(&error, code);
-    std::string text = zip_error_strerror(&error);
-    zip_error_fini(&error);
-    return text;
-}
-
 ZipReader::ZipReader(opc::FileSystemOps& fileSystem, std::string subjectName, const std::string& path)
     : subject(std::move(subjectName)), file(ArchiveFile::openExisting(fileSystem, toUtf16(path), subject)) {
     // libzip would replace a NUL in an entry name by a space, which would
