@@ -9,7 +9,11 @@
 
 #include <opcfspackage/FileSystemPartInfo.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <memory>
 
@@ -91,6 +95,33 @@ private:
     IPhysicalInputStream* stream = nullptr;
 };
 
+// The folders above a package path that do not exist yet: opening the
+// package makes them, and a failed unpack must not leave them behind.
+class NewParentFolders {
+public:
+    explicit NewParentFolders(const std::string& packagePath) {
+        std::error_code error;
+        struct stat info {};
+        for (std::filesystem::path folder = std::filesystem::absolute(packagePath, error).lexically_normal();
+             !error && (folder = folder.parent_path()).has_relative_path() && ::lstat(folder.c_str(), &info) != 0 &&
+             errno == ENOENT;) {
+            missing.push_back(folder.native());
+        }
+    }
+    NewParentFolders(const NewParentFolders&) = delete;
+    NewParentFolders& operator=(const NewParentFolders&) = delete;
+    // Deepest first; rmdir leaves a folder that something else has filled.
+    ~NewParentFolders() {
+        if (kept) return;
+        for (const std::string& folder : missing) ::rmdir(folder.c_str());
+    }
+    void keep() { kept = true; }
+
+private:
+    std::vector<std::string> missing;
+    bool kept = false;
+};
+
 // The archive's path, refused when packing would write into the package or
 // onto a folder.
 std::string archivePathFor(Session& session, const std::string& archiveName) {
@@ -103,8 +134,15 @@ std::string archivePathFor(Session& session, const std::string& archiveName) {
     const std::string root = toUtf8(session->getPackageRoot());
     if (archivePath == root || archivePath.compare(0, root.size() + 1, root + "/") == 0)
         throw Failure(archiveName, "lies inside the package " + session.name());
+    // The archive replaces a regular file only: not a link (whose target
+    // would stay and the link go), nor a device or FIFO.
+    struct stat info {};
+    if (::lstat(archivePath.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+        if (S_ISDIR(info.st_mode)) throw Failure(archiveName, "is a folder");
+        throw Failure(archiveName, std::string("is ") + (S_ISLNK(info.st_mode) ? "a symbolic link" : "a special file") +
+                                       ", not a regular file");
+    }
     std::error_code error;
-    if (std::filesystem::is_directory(archivePath, error)) throw Failure(archiveName, "is a folder");
     const std::string folder = archivePath.substr(0, archivePath.rfind('/') + 1);
     if (!std::filesystem::is_directory(folder, error)) throw Failure(archiveName, "its folder does not exist");
     return archivePath;
@@ -125,7 +163,10 @@ void unpackCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem
 
     // Create mode: whatever is at the path is replaced by the commit alone, so
     // a failure on the way leaves it as it was.
+    NewParentFolders parents(packageName);
     Session session(fileSystem, packageName, OpenMode::Create);
+    checkPathLengths(archiveName, files,
+                     std::max(toUtf8(session->getPackageRoot()).size(), toUtf8(session->getTempPackageRoot()).size()));
     std::uint64_t declared = 0;
     for (const ZipEntry* entry : files) declared += entry->size;
     Progress progress(io, "unpack", declared);
@@ -137,10 +178,11 @@ void unpackCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem
         reader.read(*entry, [&](const char* data, std::size_t count) {
             written += count;
             total += count;
-            checkInflated(archiveName, *entry, written, total, limits);
+            checkInflated(archiveName, *entry, written);
             writeAll(session, partName, stream, data, count);
             progress.update(total);
         });
+        checkComplete(archiveName, *entry, written);
         // Written data reaches the file before the stream lets go of it, and
         // a part per entry keeps the count of open files at one.
         stream->flush();
@@ -148,6 +190,7 @@ void unpackCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem
         stream->close();
     }
     session.commit();
+    parents.keep();
 }
 
 void packCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
@@ -157,6 +200,18 @@ void packCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) 
     const std::string archivePath = archivePathFor(session, archiveName);
 
     const std::vector<Listed> listed = listParts(session);
+    // What unpack would refuse is not written: a name it cannot take, or two
+    // names that are one file where case does not count.
+    NameTree names;
+    for (const Listed& entry : listed) {
+        const std::string reason = unsafeNameReason(entry.name.substr(1));
+        if (!reason.empty()) throw Failure(packageName, "cannot pack part " + quoteName(entry.name) + ": " + reason);
+        const NameTree::Result clash = names.add(entry.name);
+        if (clash.clash != NameTree::Clash::None) {
+            throw Failure(packageName, "cannot pack part " + quoteName(entry.name) + ": differs only in case from " +
+                                           quoteName(clash.other));
+        }
+    }
     std::vector<std::unique_ptr<PartSource>> sources;
     ZipWriter writer(fileSystem, archiveName, archivePath);
     std::uint64_t total = 0;

@@ -31,9 +31,10 @@ void appendJsonString(std::string& out, std::u16string_view text) {
         if (unit == u'"' || unit == u'\\') {
             out += '\\';
             out += static_cast<char>(unit);
-        } else if (unit < 0x20 || (unit >= 0xd800 && unit < 0xe000 && !pair)) {
-            // Control characters, and lone surrogates that stand for bytes
-            // that are not UTF-8, so that the output stays valid UTF-8.
+        } else if (unit < 0x20 || (unit >= 0x7f && unit <= 0x9f) || (unit >= 0xd800 && unit < 0xe000 && !pair)) {
+            // Control characters (C1 too: a terminal takes U+009B for an
+            // escape), and lone surrogates that stand for bytes that are not
+            // UTF-8, so that the output stays valid UTF-8.
             char escape[8];
             std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(unit));
             out += escape;
@@ -69,8 +70,15 @@ std::string jsonListing(const std::string& packageName, const std::vector<Row>& 
 }
 
 // Sizes right-aligned, then (withTypes) the content types in a column of
-// their own, "-" for none.
-std::string textListing(const std::vector<Row>& rows, bool withTypes) {
+// their own, "-" for none. Names and types come from the package: on a
+// terminal (escape) their control characters are escaped.
+std::string textListing(std::vector<Row> rows, bool withTypes, bool escape) {
+    if (escape) {
+        for (Row& row : rows) {
+            row.name = escapeControls(row.name);
+            row.type = escapeControls(row.type);
+        }
+    }
     std::size_t sizeWidth = 0;
     std::size_t typeWidth = 1;
     for (const Row& row : rows) {
@@ -136,7 +144,8 @@ void listCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) 
         rows.push_back({entry.name, session.sizeOf(entry.name),
                         entry.part != nullptr && withTypes ? types.lookup(entry.name) : ""});
     }
-    const std::string out = json ? jsonListing(args.operands[0], rows) : textListing(rows, args.has("--long"));
+    const std::string out =
+        json ? jsonListing(args.operands[0], rows) : textListing(rows, args.has("--long"), io.outIsTerminal);
     session.commit();
     io.out << out << std::flush;
 }

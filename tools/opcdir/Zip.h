@@ -21,6 +21,10 @@ struct ZipEntry {
     std::string name;        // the bytes the central directory holds
     std::uint64_t size = 0;  // as declared; reading checks the truth
     std::uint64_t compressedSize = 0;
+    // Where the entry's local header begins and its compressed data ends in
+    // the archive file: entries whose extents meet share data.
+    std::uint64_t headerOffset = 0;
+    std::uint64_t dataEnd = 0;
 };
 
 // A ZIP archive read entry by entry. Every failure is a Failure whose subject
@@ -37,6 +41,11 @@ public:
     // Every entry, folder entries included, in central-directory order.
     const std::vector<ZipEntry>& entries() const { return all; }
 
+    // The size of the central directory, and where it begins: every entry's
+    // data lies before it.
+    std::uint64_t directorySize() const { return directoryBytes; }
+    std::uint64_t directoryOffset() const { return directoryStart; }
+
     // Checks that local headers agree with the central directory.
     // REQUIRES: no two entries share a name (the check counts them corrupt).
     void checkConsistency();
@@ -50,6 +59,8 @@ private:
     std::string path;
     struct zip* archive = nullptr;
     std::vector<ZipEntry> all;
+    std::uint64_t directoryBytes = 0;
+    std::uint64_t directoryStart = 0;
 };
 
 // The bytes of one entry to be written, pulled in pieces while the archive is

@@ -41,10 +41,38 @@ private:
     std::ifstream stream;
 };
 
+struct CentralDirectory {
+    std::vector<ZipEntry> entries;  // name, headerOffset and dataEnd set
+    std::uint64_t offset = 0;
+    std::uint64_t size = 0;
+};
+
+// A field of 0xffff... in a central record stands for the value of the same
+// name in its ZIP64 extra field, where the present ones follow in a fixed
+// order.
+void readZip64Extra(const unsigned char* extra, std::size_t length, std::uint64_t* const fields[], int count) {
+    for (std::size_t at = 0; at + 4 <= length;) {
+        const std::uint64_t id = little(extra + at, 2);
+        const std::size_t size = little(extra + at + 2, 2);
+        if (at + 4 + size > length) return;
+        if (id == 0x0001) {
+            std::size_t field = at + 4;
+            for (int i = 0; i < count; ++i) {
+                if (*fields[i] != 0xffffffff || field + 8 > at + 4 + size) continue;
+                *fields[i] = little(extra + field, 8);
+                field += 8;
+            }
+            return;
+        }
+        at += 4 + size;
+    }
+}
+
 // libzip replaces a NUL in an entry name by a space, which would turn a
 // hostile name into a harmless-looking one; the names are therefore read from
-// the central directory's own bytes.
-std::vector<std::string> centralDirectoryNames(const std::string& subject, const std::string& path) {
+// the central directory's own bytes, as are the offsets of the local headers
+// that tell where each entry's data lies.
+CentralDirectory readCentralDirectory(const std::string& subject, const std::string& path) {
     RawFile file(path);
     if (!file.good()) throw Failure(subject, std::string("cannot open: ") + std::strerror(errno));
     const std::uint64_t fileSize = file.size();
@@ -68,11 +96,12 @@ std::vector<std::string> centralDirectoryNames(const std::string& subject, const
     }
     if (!found) throw notZip();
     std::uint64_t count = little(&tail[end + 10], 2);
-    std::uint64_t directorySize = little(&tail[end + 12], 4);
-    std::uint64_t directoryOffset = little(&tail[end + 16], 4);
+    CentralDirectory result;
+    result.size = little(&tail[end + 12], 4);
+    result.offset = little(&tail[end + 16], 4);
     const std::uint64_t endOffset = fileSize - tailSize + end;
 
-    if (count == 0xffff || directorySize == 0xffffffff || directoryOffset == 0xffffffff) {
+    if (count == 0xffff || result.size == 0xffffffff || result.offset == 0xffffffff) {
         std::vector<unsigned char> locator;
         if (endOffset < 20 || !file.readAt(endOffset - 20, 20, locator) || little(&locator[0], 4) != 0x07064b50) {
             throw corrupt("missing ZIP64 end of central directory locator");
@@ -82,29 +111,52 @@ std::vector<std::string> centralDirectoryNames(const std::string& subject, const
             throw corrupt("missing ZIP64 end of central directory");
         }
         count = little(&record[32], 8);
-        directorySize = little(&record[40], 8);
-        directoryOffset = little(&record[48], 8);
+        result.size = little(&record[40], 8);
+        result.offset = little(&record[48], 8);
     }
-    if (directoryOffset > fileSize || directorySize > fileSize - directoryOffset)
+    if (result.offset > fileSize || result.size > fileSize - result.offset)
         throw corrupt("central directory out of bounds");
+    // Each record takes 46 bytes at least: a count the directory cannot hold
+    // is refused before anything is reserved for it.
+    if (count > result.size / 46) throw corrupt("bad central directory entry");
 
     std::vector<unsigned char> directory;
-    if (!file.readAt(directoryOffset, static_cast<std::size_t>(directorySize), directory))
+    if (!file.readAt(result.offset, static_cast<std::size_t>(result.size), directory))
         throw corrupt("central directory unreadable");
-    std::vector<std::string> names;
+    result.entries.reserve(static_cast<std::size_t>(count));
     std::size_t position = 0;
+    std::vector<unsigned char> header;
     for (std::uint64_t i = 0; i < count; ++i) {
         if (position + 46 > directory.size() || little(&directory[position], 4) != 0x02014b50) {
             throw corrupt("bad central directory entry");
         }
-        const std::size_t nameLength = little(&directory[position + 28], 2);
-        const std::size_t extraLength = little(&directory[position + 30], 2);
-        const std::size_t commentLength = little(&directory[position + 32], 2);
-        if (position + 46 + nameLength > directory.size()) throw corrupt("bad central directory entry");
-        names.emplace_back(reinterpret_cast<const char*>(&directory[position + 46]), nameLength);
+        const unsigned char* record = &directory[position];
+        const std::size_t nameLength = little(record + 28, 2);
+        const std::size_t extraLength = little(record + 30, 2);
+        const std::size_t commentLength = little(record + 32, 2);
+        if (position + 46 + nameLength + extraLength > directory.size()) throw corrupt("bad central directory entry");
+        ZipEntry& entry = result.entries.emplace_back();
+        entry.index = i;
+        entry.name.assign(reinterpret_cast<const char*>(record + 46), nameLength);
+        entry.size = little(record + 24, 4);
+        entry.compressedSize = little(record + 20, 4);
+        entry.headerOffset = little(record + 42, 4);
+        std::uint64_t* const zip64Fields[] = {&entry.size, &entry.compressedSize, &entry.headerOffset};
+        readZip64Extra(record + 46 + nameLength, extraLength, zip64Fields, 3);
+
+        // The data follows the local header, whose name and extra field may
+        // differ in length from the central record's.
+        if (entry.headerOffset > result.offset || result.offset - entry.headerOffset < 30 ||
+            !file.readAt(entry.headerOffset, 30, header) || little(&header[0], 4) != 0x04034b50) {
+            throw corrupt("entry " + quoteName(entry.name) + " has no local header");
+        }
+        const std::uint64_t dataStart = entry.headerOffset + 30 + little(&header[26], 2) + little(&header[28], 2);
+        if (dataStart > result.offset || entry.compressedSize > result.offset - dataStart)
+            throw corrupt("entry " + quoteName(entry.name) + " runs into the central directory");
+        entry.dataEnd = dataStart + entry.compressedSize;
         position += 46 + nameLength + extraLength + commentLength;
     }
-    return names;
+    return result;
 }
 
 }  // namespace
@@ -119,26 +171,28 @@ std::string zipErrorText(int code) {
 
 ZipReader::ZipReader(std::string subjectName, const std::string& archivePath)
     : subject(std::move(subjectName)), path(archivePath) {
-    const std::vector<std::string> names = centralDirectoryNames(subject, path);
+    CentralDirectory directory = readCentralDirectory(subject, path);
+    directoryBytes = directory.size;
+    directoryStart = directory.offset;
     int error = 0;
     archive = zip_open(path.c_str(), ZIP_RDONLY, &error);
     if (archive == nullptr) throw Failure(subject, "corrupt ZIP archive: " + zipErrorText(error));
     const zip_int64_t count = zip_get_num_entries(archive, 0);
-    if (count < 0 || static_cast<std::uint64_t>(count) != names.size()) {
+    if (count < 0 || static_cast<std::uint64_t>(count) != directory.entries.size()) {
         throw Failure(subject, "corrupt ZIP archive: inconsistent entry count");
     }
-    for (zip_int64_t i = 0; i < count; ++i) {
+    // Sizes as libzip reads them, so that the limits hold for what it inflates.
+    for (ZipEntry& entry : directory.entries) {
         zip_stat_t stat;
-        if (zip_stat_index(archive, static_cast<zip_uint64_t>(i), ZIP_FL_ENC_RAW, &stat) != 0) {
+        if (zip_stat_index(archive, entry.index, ZIP_FL_ENC_RAW, &stat) != 0) {
             throw Failure(subject, "corrupt ZIP archive: " + std::string(zip_strerror(archive)));
         }
-        ZipEntry entry;
-        entry.index = static_cast<std::uint64_t>(i);
-        entry.name = names[static_cast<std::size_t>(i)];
-        entry.size = (stat.valid & ZIP_STAT_SIZE) != 0 ? stat.size : 0;
-        entry.compressedSize = (stat.valid & ZIP_STAT_COMP_SIZE) != 0 ? stat.comp_size : 0;
-        all.push_back(std::move(entry));
+        if ((stat.valid & ZIP_STAT_SIZE) == 0 || stat.size != entry.size || (stat.valid & ZIP_STAT_COMP_SIZE) == 0 ||
+            stat.comp_size != entry.compressedSize) {
+            throw Failure(subject, "corrupt ZIP archive: inconsistent sizes of entry " + quoteName(entry.name));
+        }
     }
+    all = std::move(directory.entries);
 }
 
 ZipReader::~ZipReader() {

@@ -173,6 +173,15 @@ void ZipWriter::commit() {
         throw Failure(subject, std::string("cannot write: ") + std::strerror(errno));
     }
     committed = true;
+    // The new name reaches the disk with its folder.
+    const std::string folder = path.substr(0, path.rfind('/') + 1);
+    const int folderDescriptor = ::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folderDescriptor < 0 || ::fsync(folderDescriptor) != 0) {
+        const int error = errno;
+        if (folderDescriptor >= 0) ::close(folderDescriptor);
+        throw Failure(subject, std::string("cannot write: ") + std::strerror(error));
+    }
+    ::close(folderDescriptor);
 }
 
 }  // namespace opcdir
