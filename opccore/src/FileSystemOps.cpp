@@ -60,4 +60,6 @@ std::unique_ptr<FileLock> FileSystemOps::lockFile(const std::u16string& path,
     return lockFileImpl(path, mode, timeout);
 }
 
+RecoveryReport FileSystemOps::recover(const std::u16string& packagePath) { return recoverImpl(packagePath); }
+
 }  // namespace opc

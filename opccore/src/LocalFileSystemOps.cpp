@@ -2,6 +2,8 @@
 #include <opccore/LocalFileSystemOps.h>
 #include <opccore/NameCodec.h>
 
+#include "StagingArea.h"
+
 #include <ext/stdio_filebuf.h>
 
 #include <dirent.h>
@@ -280,7 +282,9 @@ error_code copyContent(int source, int destination) {
     }
 }
 
-error_code copyFile(const std::u16string& from, const std::u16string& to, ExistsMode existsMode) {
+// keepAttributes: the copy gets the source's exact mode and, where the
+// process may set them, its owner and group (a copy into a staging folder).
+error_code copyFile(const std::u16string& from, const std::u16string& to, ExistsMode existsMode, bool keepAttributes) {
     Descriptor source;
     struct stat sourceInfo {};
     if (error_code code = openRegularFile(from, O_RDONLY, source, sourceInfo)) return code;
@@ -299,6 +303,15 @@ error_code copyFile(const std::u16string& from, const std::u16string& to, Exists
     }
     if (destinationInfo.st_size != 0 && ::ftruncate(destination.get(), 0) != 0) code = lastError();
     if (!code) code = copyContent(source.get(), destination.get());
+    if (!code && keepAttributes) {
+        if (destinationInfo.st_uid != sourceInfo.st_uid || destinationInfo.st_gid != sourceInfo.st_gid) {
+            (void)::fchown(destination.get(), sourceInfo.st_uid, sourceInfo.st_gid);
+        }
+        if ((destinationInfo.st_mode & 07777) != (sourceInfo.st_mode & 07777) &&
+            ::fchmod(destination.get(), sourceInfo.st_mode & 07777) != 0) {
+            code = lastError();
+        }
+    }
     if (const error_code closed = destination.close(); !code) code = closed;
     if (code) {
         std::string native;
@@ -387,9 +400,13 @@ std::u16string currentFolder() {
 
 }  // namespace
 
-LocalFileSystemOps::LocalFileSystemOps() = default;
+LocalFileSystemOps::LocalFileSystemOps() : staging(std::make_unique<detail::StagingArea>()) {}
 
 LocalFileSystemOps::~LocalFileSystemOps() = default;
+
+void LocalFileSystemOps::setDurable(bool durable) { staging->durable = durable; }
+
+bool LocalFileSystemOps::isDurable() const { return staging->durable; }
 
 std::string LocalFileSystemOps::toNativePath(std::u16string_view path) { return NameCodec::encode(path); }
 
@@ -451,7 +468,10 @@ std::u16string LocalFileSystemOps::getTempNameImpl(const std::u16string& folder)
             fail("Cannot make a temporary name in " + display(folder), code);
         struct stat info {};
         if (::lstat(native.c_str(), &info) != 0) {
-            if (errno == ENOENT || errno == ENOTDIR) return candidate;
+            if (errno == ENOENT || errno == ENOTDIR) {
+                staging->handedOut(native);
+                return candidate;
+            }
             fail("Cannot make a temporary name in " + display(folder), lastError());
         }
     }
@@ -486,12 +506,18 @@ void LocalFileSystemOps::getFilesImpl(const std::u16string& folder,
     }
 }
 
+error_code LocalFileSystemOps::createFoldersTracked(const std::u16string& path) {
+    std::string native;
+    if (error_code code = nativePath(path, native)) return code;
+    return staging->createFolders(native, [&] { return createFoldersAt(path); });
+}
+
 void LocalFileSystemOps::createFoldersImpl(const std::u16string& path) {
-    if (error_code code = createFoldersAt(path)) fail("Cannot create folder " + display(path), code);
+    if (error_code code = createFoldersTracked(path)) fail("Cannot create folder " + display(path), code);
 }
 
 void LocalFileSystemOps::createFoldersImpl(const std::u16string& path, boost::system::error_code& errorCode) noexcept {
-    reportInto(errorCode, [&] { return createFoldersAt(path); });
+    reportInto(errorCode, [&] { return createFoldersTracked(path); });
 }
 
 std::shared_ptr<std::istream> LocalFileSystemOps::createInputStreamImpl(const std::u16string& path,
@@ -523,32 +549,43 @@ std::shared_ptr<std::ostream> LocalFileSystemOps::createOutputStreamImpl(
         // No folder test here: open(2) refuses to open a folder for writing
         // (EISDIR), which saves a system call on every part written.
         if (error_code code = openFile(path, flags, file)) return code;
-        // The descriptor was opened with the truncation the mode asks for.
-        auto opened = std::make_shared<DescriptorStream<std::ostream>>(file.get(), openMode & ~std::ios_base::trunc);
-        if (!opened->good()) return systemError(EIO);
-        file.release();  // the stream's buffer owns it now
-        stream = std::move(opened);
+        stream = staging->outputStream(NameCodec::encode(path), file.release());
         return error_code();
     });
     return stream;
 }
 
 void LocalFileSystemOps::copyImpl(const std::u16string& from, const std::u16string& to, ExistsMode existsMode) {
-    if (error_code code = copyFile(from, to, existsMode))
+    if (error_code code = copyFile(from, to, existsMode, staging->isStaged(NameCodec::encode(to))))
         fail("Cannot copy " + display(from) + " to " + display(to), code);
 }
 
 void LocalFileSystemOps::renameImpl(const std::u16string& from, const std::u16string& to) {
-    if (error_code code = renameNoReplace(from, to))
+    if (error_code code =
+            staging->rename(NameCodec::encode(from), NameCodec::encode(to), [&] { return renameNoReplace(from, to); }))
         fail("Cannot rename " + display(from) + " to " + display(to), code);
 }
 
+error_code LocalFileSystemOps::removeAllTracked(const std::u16string& path) {
+    return staging->removeAll(NameCodec::encode(path), [&] { return removeAllAt(path); });
+}
+
 void LocalFileSystemOps::removeAllImpl(const std::u16string& path) {
-    if (error_code code = removeAllAt(path)) fail("Cannot remove " + display(path), code);
+    if (error_code code = removeAllTracked(path)) fail("Cannot remove " + display(path), code);
 }
 
 void LocalFileSystemOps::removeAllImpl(const std::u16string& path, boost::system::error_code& errorCode) noexcept {
-    reportInto(errorCode, [&] { return removeAllAt(path); });
+    reportInto(errorCode, [&] { return removeAllTracked(path); });
+}
+
+RecoveryReport LocalFileSystemOps::recoverImpl(const std::u16string& packagePath) {
+    const std::u16string path = LocalFileSystemOps::normalizePathImpl(packagePath);
+    std::string native;
+    RecoveryReport report;
+    error_code code = nativePath(path, native);
+    if (!code) code = detail::recoverPackage(native, staging->durable, report);
+    if (code) fail("Cannot recover package " + display(path), code);
+    return report;
 }
 
 std::unique_ptr<FileLock> LocalFileSystemOps::lockFileImpl(const std::u16string& path,

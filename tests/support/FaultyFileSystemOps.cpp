@@ -25,6 +25,7 @@ const char* hookName(Hook hook) {
         case Hook::RemoveAll: return "removeAll";
         case Hook::RemoveAllReporting: return "removeAll(ec)";
         case Hook::LockFile: return "lockFile";
+        case Hook::Recover: return "recover";
     }
     return "?";
 }
@@ -178,6 +179,11 @@ std::unique_ptr<FileLock> FaultyFileSystemOps::lockFileImpl(const std::u16string
                                                             std::optional<std::chrono::nanoseconds> timeout) {
     enterThrowing(Hook::LockFile, path);
     return LocalFileSystemOps::lockFileImpl(path, mode, timeout);
+}
+
+RecoveryReport FaultyFileSystemOps::recoverImpl(const std::u16string& packagePath) {
+    enterThrowing(Hook::Recover, packagePath);
+    return LocalFileSystemOps::recoverImpl(packagePath);
 }
 
 }  // namespace opc::test

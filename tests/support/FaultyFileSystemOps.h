@@ -31,6 +31,7 @@ enum class Hook {
     RemoveAll,           // throwing form
     RemoveAllReporting,  // error_code form
     LockFile,
+    Recover,
 };
 
 const char* hookName(Hook hook);
@@ -97,6 +98,7 @@ protected:
     std::unique_ptr<FileLock> lockFileImpl(const std::u16string& path,
                                            LockMode mode,
                                            std::optional<std::chrono::nanoseconds> timeout) override;
+    RecoveryReport recoverImpl(const std::u16string& packagePath) override;
 
 private:
     struct Rule {

@@ -2,6 +2,7 @@
 
 #include <opccore/Export.h>
 #include <opccore/FileLock.h>
+#include <opccore/RecoveryReport.h>
 
 #include <boost/system/error_code.hpp>
 
@@ -147,6 +148,13 @@ public:
                                        LockMode mode,
                                        std::optional<std::chrono::nanoseconds> timeout);
 
+    // Makes the package at packagePath whole again after a process died in
+    // the middle of a commit, and removes the hidden staging and moved-aside
+    // folders beside it whose process is gone. Never touches what a live
+    // process is still using. Safe to call at any time; a package that was
+    // left whole is not changed.
+    RecoveryReport recover(const std::u16string& packagePath);
+
 protected:
     FileSystemOps() = default;
 
@@ -172,6 +180,7 @@ protected:
     virtual std::unique_ptr<FileLock> lockFileImpl(const std::u16string& path,
                                                    LockMode mode,
                                                    std::optional<std::chrono::nanoseconds> timeout) = 0;
+    virtual RecoveryReport recoverImpl(const std::u16string& packagePath) = 0;
 };
 
 }  // namespace opc
