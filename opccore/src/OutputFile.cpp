@@ -46,7 +46,7 @@ bool OutputFileBuffer::writeAll(const char* data, std::size_t size) {
 }
 
 bool OutputFileBuffer::drain() {
-    const std::size_t pending = static_cast<std::size_t>(pptr() - pbase());
+    const auto pending = static_cast<std::size_t>(pptr() - pbase());
     setp(buffer.data(), buffer.data() + buffer.size());
     return file >= 0 && writeAll(buffer.data(), pending);
 }

@@ -67,7 +67,7 @@ error_code survey(int parent, Survey& found) {
 }
 
 std::optional<SwapJournal> readJournal(int file) {
-    std::string bytes(4096 * 2, '\0');
+    std::string bytes(std::size_t{8192}, '\0');
     const ssize_t got = ::pread(file, bytes.data(), bytes.size(), 0);
     if (got < 0) return std::nullopt;
     bytes.resize(static_cast<std::size_t>(got));
