@@ -20,7 +20,7 @@ TEST(CommandLine, HelpForTheToolAndEachCommandAndTheProjectVersion) {
     const RunResult tool = runOpcdir(dir.path(), {"--help"});
     EXPECT_EQ(tool.status, 0);
     EXPECT_EQ(tool.out.rfind("usage: opcdir COMMAND [OPTIONS] ARGUMENTS\n", 0), 0u);
-    for (const std::string command : {"ls", "cat", "put", "rm", "new", "unpack", "pack"}) {
+    for (const std::string command : {"ls", "cat", "put", "rm", "new", "unpack", "pack", "recover"}) {
         SCOPED_TRACE(command);
         EXPECT_NE(tool.out.find("\n  " + command + " "), std::string::npos);
         const RunResult help = runOpcdir(dir.path(), {command, "--help"});

@@ -4,6 +4,7 @@
 #include "Errors.h"
 #include "PartCommands.h"
 #include "PartNames.h"
+#include "RecoveryCommands.h"
 #include "Session.h"
 #include "Zip.h"
 
@@ -158,6 +159,7 @@ void unpackCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem
     ZipReader reader(archiveName, archiveName);
     const std::vector<const ZipEntry*> files = checkEntries(archiveName, reader, limits);
     reader.checkConsistency();
+    recoverPackage(fileSystem, packageName);
     if (!args.has("--force") && !isFreeTarget(fileSystem, packageName))
         throw Failure(packageName, "already exists and is not an empty folder (use --force to replace it)");
 
@@ -185,9 +187,7 @@ void unpackCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem
         checkComplete(archiveName, *entry, written);
         // Written data reaches the file before the stream lets go of it, and
         // a part per entry keeps the count of open files at one.
-        stream->flush();
-        if (stream->isFailed()) throw Failure(packageName, "cannot write part " + quoteName(partName));
-        stream->close();
+        finishPart(session, partName, stream);
     }
     session.commit();
     parents.keep();

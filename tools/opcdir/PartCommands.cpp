@@ -3,6 +3,7 @@
 #include "ContentTypes.h"
 #include "Errors.h"
 #include "PartNames.h"
+#include "RecoveryCommands.h"
 #include "Session.h"
 
 #include <opcfspackage/FileSystemPartInfo.h>
@@ -181,6 +182,7 @@ void putCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
         input = &file;
     }
 
+    recoverPackage(fileSystem, packageName);
     Session session(fileSystem, packageName, OpenMode::ReadWrite);
     IPhysicalOutputStream* stream = outputFor(session, partName);
     std::vector<char> buffer(kPiece);
@@ -189,6 +191,7 @@ void putCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
         writeAll(session, partName, stream, buffer.data(), static_cast<std::size_t>(input->gcount()));
     }
     if (input->bad()) throw Failure(inputName, "read failed");
+    finishPart(session, partName, stream);
     session.commit();
 }
 
@@ -198,6 +201,7 @@ void removeCommand(const Arguments& args, Io&, opc::FileSystemOps& fileSystem) {
     for (std::size_t i = 1; i < args.operands.size(); ++i)
         partNames.push_back(partNameArgument(packageName, args.operands[i]));
 
+    recoverPackage(fileSystem, packageName);
     Session session(fileSystem, packageName, OpenMode::ReadWrite);
     std::set<std::string> present;
     for (const Listed& entry : listParts(session)) present.insert(entry.name);
@@ -223,11 +227,13 @@ bool isFreeTarget(opc::FileSystemOps&, const std::string& path) {
 
 void newCommand(const Arguments& args, Io&, opc::FileSystemOps& fileSystem) {
     const std::string& packageName = args.operands[0];
+    recoverPackage(fileSystem, packageName);
     if (!isFreeTarget(fileSystem, packageName)) throw Failure(packageName, "already exists and is not an empty folder");
     Session session(fileSystem, packageName, OpenMode::Create);
     const std::string content = minimalContentTypes();
     IPhysicalOutputStream* stream = outputFor(session, contentTypesPartName());
     writeAll(session, contentTypesPartName(), stream, content.data(), content.size());
+    finishPart(session, contentTypesPartName(), stream);
     session.commit();
 }
 
