@@ -15,9 +15,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <sstream>
+#include <streambuf>
 
 namespace opc::test {
 namespace {
@@ -148,6 +151,57 @@ TEST_F(StrangersPackage, PackAndPutRefuseWhatUnpackWouldAndChangeNothing) {
         SCOPED_TRACE(message.substr(0, 100));
         expectRefused(dir.path(), arguments, message);
     }
+}
+
+// A disk that is full: every stream to a part fails its writes as write(2)
+// does then.
+class FullDisk : public opc::LocalFileSystemOps {
+    struct FullBuffer : std::streambuf {
+        int_type overflow(int_type) override {
+            errno = ENOSPC;
+            return traits_type::eof();
+        }
+        std::streamsize xsputn(const char*, std::streamsize) override {
+            errno = ENOSPC;
+            return 0;
+        }
+    };
+    struct FullStream : std::ostream {
+        FullStream() : std::ostream(nullptr) { rdbuf(&buffer); }
+        FullBuffer buffer;
+    };
+
+protected:
+    std::shared_ptr<std::ostream> createOutputStreamImpl(const std::u16string& path,
+                                                         std::ios_base::openmode openMode,
+                                                         boost::system::error_code& errorCode) noexcept override {
+        if (!LocalFileSystemOps::createOutputStreamImpl(path, openMode, errorCode)) return nullptr;
+        return std::make_shared<FullStream>();
+    }
+};
+
+TEST_F(StrangersPackage, WriteFailuresNameTheirCauseAndTheFileAndLeaveNothing) {
+    FullDisk full;
+    const auto at = [&](const std::string& relative) { return (dir.path() / relative).string(); };
+    // The command, the package it writes and the part it fails on.
+    const std::vector<std::tuple<std::vector<std::string>, std::string, std::string>> cases = {
+        {{"put", at("pkg"), "b.xml", at("in.xml")}, at("pkg"), "/b.xml"},
+        {{"unpack", at("new.zip"), at("new/pkg")}, at("new/pkg"), "/[Content_Types].xml"},
+    };
+    writeFile(dir.path() / "new.zip", archive([](RawZip&) {}));
+    before = snapshotTree(dir.path());
+    for (const auto& [arguments, package, part] : cases) {
+        SCOPED_TRACE(arguments[0]);
+        const RunResult result = runOpcdirWith(full, arguments);
+        EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.err, "opcdir: " + package + ": cannot write part '" + part + "': No space left on device\n");
+        EXPECT_EQ(snapshotTree(dir.path()), before);
+    }
+    const std::string longName(256, 'z');
+    const RunResult result = runOpcdir(dir.path(), {"pack", "pkg", longName});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "opcdir: " + longName + ": cannot write: File name too long\n");
+    EXPECT_EQ(snapshotTree(dir.path()), before);
 }
 
 TEST(ListHostileNames, ControlCharactersAreEscapedOnATerminalAndAlwaysInJson) {
