@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <memory>
 
 namespace opcdir {
 namespace {
@@ -175,17 +176,20 @@ ZipReader::ZipReader(std::string subjectName, const std::string& archivePath)
     directoryBytes = directory.size;
     directoryStart = directory.offset;
     int error = 0;
-    archive = zip_open(path.c_str(), ZIP_RDONLY, &error);
-    if (archive == nullptr) throw Failure(subject, "corrupt ZIP archive: " + zipErrorText(error));
-    const zip_int64_t count = zip_get_num_entries(archive, 0);
+    // Owned here until the constructor returns: a refusal below must not
+    // leak it, as the destructor does not run then.
+    std::unique_ptr<zip_t, void (*)(zip_t*)> opened(zip_open(path.c_str(), ZIP_RDONLY, &error), &zip_discard);
+    if (opened == nullptr) throw Failure(subject, "corrupt ZIP archive: " + zipErrorText(error));
+    zip_t* const zip = opened.get();
+    const zip_int64_t count = zip_get_num_entries(zip, 0);
     if (count < 0 || static_cast<std::uint64_t>(count) != directory.entries.size()) {
         throw Failure(subject, "corrupt ZIP archive: inconsistent entry count");
     }
     // Sizes as libzip reads them, so that the limits hold for what it inflates.
     for (ZipEntry& entry : directory.entries) {
         zip_stat_t stat;
-        if (zip_stat_index(archive, entry.index, ZIP_FL_ENC_RAW, &stat) != 0) {
-            throw Failure(subject, "corrupt ZIP archive: " + std::string(zip_strerror(archive)));
+        if (zip_stat_index(zip, entry.index, ZIP_FL_ENC_RAW, &stat) != 0) {
+            throw Failure(subject, "corrupt ZIP archive: " + std::string(zip_strerror(zip)));
         }
         if ((stat.valid & ZIP_STAT_SIZE) == 0 || stat.size != entry.size || (stat.valid & ZIP_STAT_COMP_SIZE) == 0 ||
             stat.comp_size != entry.compressedSize) {
@@ -193,6 +197,7 @@ ZipReader::ZipReader(std::string subjectName, const std::string& archivePath)
         }
     }
     all = std::move(directory.entries);
+    archive = opened.release();
 }
 
 ZipReader::~ZipReader() {
