@@ -16,7 +16,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <deque>
 #include <filesystem>
+#include <iterator>
 #include <new>
 #include <random>
 #include <thread>
@@ -220,7 +222,7 @@ void appendChildPath(std::u16string& path, const std::u16string& prefix, std::st
 
 // Reads one folder; its files go to files, its subfolders to pending.
 error_code listFolder(const PendingFolder& folder,
-                      std::vector<std::u16string>& files,
+                      std::deque<std::u16string>& files,
                       std::vector<PendingFolder>* pending) {
     // A subfolder swapped for a link since it was listed is not entered.
     const int fd = ::open(folder.native.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | (folder.named ? 0 : O_NOFOLLOW));
@@ -478,9 +480,17 @@ std::u16string LocalFileSystemOps::getTempNameImpl(const std::u16string& folder)
 }
 
 bool LocalFileSystemOps::existsImpl(const std::u16string& path) {
+    // Opening a package tests every part's file this way, so the usual path,
+    // all ASCII, is converted on the stack. An access test resolves the path
+    // as stat() does but fills in nothing.
+    char ascii[1024];
+    if (path.size() < sizeof ascii) {
+        std::size_t i = 0;
+        for (; i < path.size() && path[i] != u'\0' && path[i] < 0x80; ++i) ascii[i] = static_cast<char>(path[i]);
+        ascii[i] = '\0';
+        if (i == path.size()) return ::faccessat(AT_FDCWD, ascii, F_OK, AT_EACCESS) == 0;
+    }
     std::string native{};
-    // An access test resolves the path as stat() does but fills in nothing;
-    // opening a package tests every part's file this way.
     return !nativePath(path, native) && ::faccessat(AT_FDCWD, native.c_str(), F_OK, AT_EACCESS) == 0;
 }
 
@@ -492,6 +502,9 @@ bool LocalFileSystemOps::isFolderImpl(const std::u16string& path) {
 void LocalFileSystemOps::getFilesImpl(const std::u16string& folder,
                                       std::vector<std::u16string>& files,
                                       bool recursive) {
+    // Gathered in blocks and moved into files at once: growing a vector of a
+    // large listing step by step would touch each of its sizes in new memory.
+    std::deque<std::u16string> listed;
     std::vector<PendingFolder> pending(1);
     if (error_code code = nativePath(folder, pending.front().native))
         fail("Cannot list folder " + display(folder), code);
@@ -500,10 +513,12 @@ void LocalFileSystemOps::getFilesImpl(const std::u16string& folder,
     while (!pending.empty()) {
         const PendingFolder current = std::move(pending.back());
         pending.pop_back();
-        if (error_code code = listFolder(current, files, recursive ? &pending : nullptr)) {
+        if (error_code code = listFolder(current, listed, recursive ? &pending : nullptr)) {
             fail("Cannot list folder " + display(current.prefix), code);
         }
     }
+    files.reserve(files.size() + listed.size());
+    std::move(listed.begin(), listed.end(), std::back_inserter(files));
 }
 
 error_code LocalFileSystemOps::createFoldersTracked(const std::u16string& path) {
