@@ -25,7 +25,7 @@ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=cl
     "-DCMAKE_SHARED_LINKER_FLAGS=-fsanitize=address,undefined" >/dev/null
 
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(opc_fuzz_content_types)
+[ ${#targets[@]} -gt 0 ] || targets=(opc_fuzz_content_types opc_fuzz_unpack_checks)
 cmake --build "$build" -j"$(nproc)" --target "${targets[@]}"
 
 # Seeds: the content-types stream of every corpus package, and the packages

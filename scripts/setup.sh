@@ -8,7 +8,7 @@ packages=(
   cmake g++ clang make pkg-config
   libboost-dev libboost-system-dev
   googletest libgtest-dev libgmock-dev
-  libzip-dev zip unzip
+  libzip-dev zlib1g-dev zip unzip
   libpugixml-dev
   libbenchmark-dev
   clang-format clang-tidy

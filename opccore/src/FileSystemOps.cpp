@@ -64,4 +64,6 @@ std::uint64_t FileSystemOps::fileSize(const std::u16string& path) { return fileS
 
 void FileSystemOps::replaceFile(const std::u16string& from, const std::u16string& to) { replaceFileImpl(from, to); }
 
+RecoveryReport FileSystemOps::recover(const std::u16string& packagePath) { return recoverImpl(packagePath); }
+
 }  // namespace opc

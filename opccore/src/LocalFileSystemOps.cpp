@@ -2,6 +2,8 @@
 #include <opccore/LocalFileSystemOps.h>
 #include <opccore/NameCodec.h>
 
+#include "StagingArea.h"
+
 #include <ext/stdio_filebuf.h>
 
 #include <dirent.h>
@@ -14,7 +16,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <deque>
 #include <filesystem>
+#include <iterator>
 #include <new>
 #include <random>
 #include <thread>
@@ -218,7 +222,7 @@ void appendChildPath(std::u16string& path, const std::u16string& prefix, std::st
 
 // Reads one folder; its files go to files, its subfolders to pending.
 error_code listFolder(const PendingFolder& folder,
-                      std::vector<std::u16string>& files,
+                      std::deque<std::u16string>& files,
                       std::vector<PendingFolder>* pending) {
     // A subfolder swapped for a link since it was listed is not entered.
     const int fd = ::open(folder.native.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | (folder.named ? 0 : O_NOFOLLOW));
@@ -280,7 +284,9 @@ error_code copyContent(int source, int destination) {
     }
 }
 
-error_code copyFile(const std::u16string& from, const std::u16string& to, ExistsMode existsMode) {
+// keepAttributes: the copy gets the source's exact mode and, where the
+// process may set them, its owner and group (a copy into a staging folder).
+error_code copyFile(const std::u16string& from, const std::u16string& to, ExistsMode existsMode, bool keepAttributes) {
     Descriptor source;
     struct stat sourceInfo {};
     if (error_code code = openRegularFile(from, O_RDONLY, source, sourceInfo)) return code;
@@ -299,6 +305,15 @@ error_code copyFile(const std::u16string& from, const std::u16string& to, Exists
     }
     if (destinationInfo.st_size != 0 && ::ftruncate(destination.get(), 0) != 0) code = lastError();
     if (!code) code = copyContent(source.get(), destination.get());
+    if (!code && keepAttributes) {
+        if (destinationInfo.st_uid != sourceInfo.st_uid || destinationInfo.st_gid != sourceInfo.st_gid) {
+            (void)::fchown(destination.get(), sourceInfo.st_uid, sourceInfo.st_gid);
+        }
+        if ((destinationInfo.st_mode & 07777) != (sourceInfo.st_mode & 07777) &&
+            ::fchmod(destination.get(), sourceInfo.st_mode & 07777) != 0) {
+            code = lastError();
+        }
+    }
     if (const error_code closed = destination.close(); !code) code = closed;
     if (code) {
         std::string native;
@@ -387,7 +402,7 @@ error_code sizeOfFile(const std::u16string& path, std::uint64_t& size) {
     return {};
 }
 
-error_code replaceWithFile(const std::u16string& from, const std::u16string& to) {
+error_code replaceWithFile(const std::u16string& from, const std::u16string& to, bool durable) {
     std::string nativeFrom;
     std::string nativeTo;
     if (error_code code = nativePath(from, nativeFrom)) return code;
@@ -395,9 +410,16 @@ error_code replaceWithFile(const std::u16string& from, const std::u16string& to)
     Descriptor file;
     struct stat info {};
     if (error_code code = openRegularFile(from, O_RDONLY, file, info)) return code;
-    if (::fsync(file.get()) != 0) return lastError();
+    if (durable && ::fsync(file.get()) != 0) return lastError();
     // From is a regular file, so rename(2) itself refuses a folder at to.
-    return ::rename(nativeFrom.c_str(), nativeTo.c_str()) == 0 ? error_code() : lastError();
+    if (::rename(nativeFrom.c_str(), nativeTo.c_str()) != 0) return lastError();
+    if (!durable) return {};
+    // The new name reaches the disk with its folder.
+    const std::size_t slash = nativeTo.rfind('/');
+    const std::string folder = slash == std::string::npos ? "." : nativeTo.substr(0, slash + 1);
+    const Descriptor parent(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (parent.get() < 0 || ::fsync(parent.get()) != 0) return lastError();
+    return {};
 }
 
 std::u16string currentFolder() {
@@ -412,9 +434,13 @@ std::u16string currentFolder() {
 
 }  // namespace
 
-LocalFileSystemOps::LocalFileSystemOps() = default;
+LocalFileSystemOps::LocalFileSystemOps() : staging(std::make_unique<detail::StagingArea>()) {}
 
 LocalFileSystemOps::~LocalFileSystemOps() = default;
+
+void LocalFileSystemOps::setDurable(bool durable) { staging->durable = durable; }
+
+bool LocalFileSystemOps::isDurable() const { return staging->durable; }
 
 std::string LocalFileSystemOps::toNativePath(std::u16string_view path) { return NameCodec::encode(path); }
 
@@ -476,16 +502,27 @@ std::u16string LocalFileSystemOps::getTempNameImpl(const std::u16string& folder)
             fail("Cannot make a temporary name in " + display(folder), code);
         struct stat info {};
         if (::lstat(native.c_str(), &info) != 0) {
-            if (errno == ENOENT || errno == ENOTDIR) return candidate;
+            if (errno == ENOENT || errno == ENOTDIR) {
+                staging->handedOut(native);
+                return candidate;
+            }
             fail("Cannot make a temporary name in " + display(folder), lastError());
         }
     }
 }
 
 bool LocalFileSystemOps::existsImpl(const std::u16string& path) {
+    // Opening a package tests every part's file this way, so the usual path,
+    // all ASCII, is converted on the stack. An access test resolves the path
+    // as stat() does but fills in nothing.
+    char ascii[1024];
+    if (path.size() < sizeof ascii) {
+        std::size_t i = 0;
+        for (; i < path.size() && path[i] != u'\0' && path[i] < 0x80; ++i) ascii[i] = static_cast<char>(path[i]);
+        ascii[i] = '\0';
+        if (i == path.size()) return ::faccessat(AT_FDCWD, ascii, F_OK, AT_EACCESS) == 0;
+    }
     std::string native{};
-    // An access test resolves the path as stat() does but fills in nothing;
-    // opening a package tests every part's file this way.
     return !nativePath(path, native) && ::faccessat(AT_FDCWD, native.c_str(), F_OK, AT_EACCESS) == 0;
 }
 
@@ -497,6 +534,9 @@ bool LocalFileSystemOps::isFolderImpl(const std::u16string& path) {
 void LocalFileSystemOps::getFilesImpl(const std::u16string& folder,
                                       std::vector<std::u16string>& files,
                                       bool recursive) {
+    // Gathered in blocks and moved into files at once: growing a vector of a
+    // large listing step by step would touch each of its sizes in new memory.
+    std::deque<std::u16string> listed;
     std::vector<PendingFolder> pending(1);
     if (error_code code = nativePath(folder, pending.front().native))
         fail("Cannot list folder " + display(folder), code);
@@ -505,18 +545,26 @@ void LocalFileSystemOps::getFilesImpl(const std::u16string& folder,
     while (!pending.empty()) {
         const PendingFolder current = std::move(pending.back());
         pending.pop_back();
-        if (error_code code = listFolder(current, files, recursive ? &pending : nullptr)) {
+        if (error_code code = listFolder(current, listed, recursive ? &pending : nullptr)) {
             fail("Cannot list folder " + display(current.prefix), code);
         }
     }
+    files.reserve(files.size() + listed.size());
+    std::move(listed.begin(), listed.end(), std::back_inserter(files));
+}
+
+error_code LocalFileSystemOps::createFoldersTracked(const std::u16string& path) {
+    std::string native;
+    if (error_code code = nativePath(path, native)) return code;
+    return staging->createFolders(native, [&] { return createFoldersAt(path); });
 }
 
 void LocalFileSystemOps::createFoldersImpl(const std::u16string& path) {
-    if (error_code code = createFoldersAt(path)) fail("Cannot create folder " + display(path), code);
+    if (error_code code = createFoldersTracked(path)) fail("Cannot create folder " + display(path), code);
 }
 
 void LocalFileSystemOps::createFoldersImpl(const std::u16string& path, boost::system::error_code& errorCode) noexcept {
-    reportInto(errorCode, [&] { return createFoldersAt(path); });
+    reportInto(errorCode, [&] { return createFoldersTracked(path); });
 }
 
 std::shared_ptr<std::istream> LocalFileSystemOps::createInputStreamImpl(const std::u16string& path,
@@ -548,32 +596,43 @@ std::shared_ptr<std::ostream> LocalFileSystemOps::createOutputStreamImpl(
         // No folder test here: open(2) refuses to open a folder for writing
         // (EISDIR), which saves a system call on every part written.
         if (error_code code = openFile(path, flags, file)) return code;
-        // The descriptor was opened with the truncation the mode asks for.
-        auto opened = std::make_shared<DescriptorStream<std::ostream>>(file.get(), openMode & ~std::ios_base::trunc);
-        if (!opened->good()) return systemError(EIO);
-        file.release();  // the stream's buffer owns it now
-        stream = std::move(opened);
+        stream = staging->outputStream(NameCodec::encode(path), file.release());
         return error_code();
     });
     return stream;
 }
 
 void LocalFileSystemOps::copyImpl(const std::u16string& from, const std::u16string& to, ExistsMode existsMode) {
-    if (error_code code = copyFile(from, to, existsMode))
+    if (error_code code = copyFile(from, to, existsMode, staging->isStaged(NameCodec::encode(to))))
         fail("Cannot copy " + display(from) + " to " + display(to), code);
 }
 
 void LocalFileSystemOps::renameImpl(const std::u16string& from, const std::u16string& to) {
-    if (error_code code = renameNoReplace(from, to))
+    if (error_code code =
+            staging->rename(NameCodec::encode(from), NameCodec::encode(to), [&] { return renameNoReplace(from, to); }))
         fail("Cannot rename " + display(from) + " to " + display(to), code);
 }
 
+error_code LocalFileSystemOps::removeAllTracked(const std::u16string& path) {
+    return staging->removeAll(NameCodec::encode(path), [&] { return removeAllAt(path); });
+}
+
 void LocalFileSystemOps::removeAllImpl(const std::u16string& path) {
-    if (error_code code = removeAllAt(path)) fail("Cannot remove " + display(path), code);
+    if (error_code code = removeAllTracked(path)) fail("Cannot remove " + display(path), code);
 }
 
 void LocalFileSystemOps::removeAllImpl(const std::u16string& path, boost::system::error_code& errorCode) noexcept {
-    reportInto(errorCode, [&] { return removeAllAt(path); });
+    reportInto(errorCode, [&] { return removeAllTracked(path); });
+}
+
+RecoveryReport LocalFileSystemOps::recoverImpl(const std::u16string& packagePath) {
+    const std::u16string path = LocalFileSystemOps::normalizePathImpl(packagePath);
+    std::string native;
+    RecoveryReport report;
+    error_code code = nativePath(path, native);
+    if (!code) code = detail::recoverPackage(native, staging->durable, report);
+    if (code) fail("Cannot recover package " + display(path), code);
+    return report;
 }
 
 std::unique_ptr<FileLock> LocalFileSystemOps::lockFileImpl(const std::u16string& path,
@@ -599,7 +658,7 @@ std::uint64_t LocalFileSystemOps::fileSizeImpl(const std::u16string& path) {
 }
 
 void LocalFileSystemOps::replaceFileImpl(const std::u16string& from, const std::u16string& to) {
-    if (error_code code = replaceWithFile(from, to))
+    if (error_code code = replaceWithFile(from, to, staging->durable))
         fail("Cannot replace " + display(to) + " by " + display(from), code);
 }
 

@@ -12,14 +12,18 @@ namespace {
 // A name that could reach outside the package folder, or that no file can
 // carry, is refused before any path is made of it.
 bool isValidPartName(std::u16string_view name) {
-    if (name.empty() || name.front() != u'/' || name.find(u'\0') != std::u16string_view::npos) return false;
-    for (std::size_t start = 1;;) {
-        const std::size_t end = name.find(u'/', start);
-        const std::u16string_view segment = name.substr(start, end == std::u16string_view::npos ? end : end - start);
+    if (name.empty() || name.front() != u'/') return false;
+    // One pass over the units; the end of the name closes the last segment.
+    std::size_t start = 1;
+    for (std::size_t i = 1; i <= name.size(); ++i) {
+        const char16_t unit = i < name.size() ? name[i] : u'/';
+        if (unit == u'\0') return false;
+        if (unit != u'/') continue;
+        const std::u16string_view segment = name.substr(start, i - start);
         if (segment.empty() || segment == u"." || segment == u"..") return false;
-        if (end == std::u16string_view::npos) return true;
-        start = end + 1;
+        start = i + 1;
     }
+    return true;
 }
 
 }  // namespace

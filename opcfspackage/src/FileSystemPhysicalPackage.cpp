@@ -4,6 +4,9 @@
 
 #include <boost/system/error_code.hpp>
 
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <utility>
@@ -64,6 +67,24 @@ bool stagesChanges(const OpenMode& mode) {
 }
 
 const std::u16string kTrashPrefix = u"/[trash]";
+
+// The order of std::less<std::u16string> (code unit by code unit, a prefix
+// first), four units at a time: the names of a package share long prefixes.
+int compareNames(const std::u16string& a, const std::u16string& b) {
+    const std::size_t common = std::min(a.size(), b.size());
+    std::size_t i = 0;
+    for (; i + 4 <= common; i += 4) {
+        std::uint64_t x = 0;
+        std::uint64_t y = 0;
+        std::memcpy(&x, a.data() + i, sizeof x);
+        std::memcpy(&y, b.data() + i, sizeof y);
+        if (x != y) break;
+    }
+    for (; i < common; ++i) {
+        if (a[i] != b[i]) return a[i] < b[i] ? -1 : 1;
+    }
+    return a.size() == b.size() ? 0 : (a.size() < b.size() ? -1 : 1);
+}
 
 }  // namespace
 
@@ -135,17 +156,49 @@ void FileSystemPhysicalPackage::readParts(const OpenMode& mode) {
     }
     std::vector<std::u16string> files;
     fileSystemOps.getFiles(packageRoot, files, true);
-    for (std::u16string& path : files) {
-        const std::size_t position = path.find(packageRoot);
-        if (position == std::u16string::npos) continue;  // the service listed something outside the folder
-        std::u16string name = path.substr(position + packageRoot.size());
-        std::u16string().swap(path);  // a large package is not held twice in memory
-        if (name.compare(0, kTrashPrefix.size(), kTrashPrefix) == 0) continue;
 
-        auto part = std::make_unique<FileSystemPart>(this, name, std::u16string(), mode);
-        FileSystemPart*& slot = parts[std::move(name)];
-        delete std::exchange(slot, part.release());
+    // Parts are made in the listing's order but registered in name order, each
+    // at the end of the map, which spares a tree search per part. Each listed
+    // path gives way to its name at once, so that the memory it held serves the
+    // parts made next.
+    std::vector<std::unique_ptr<FileSystemPart>> made(files.size());
+    const auto registerMade = [&] {
+        std::vector<std::size_t> order;
+        order.reserve(files.size());
+        for (std::size_t i = 0; i < made.size(); ++i) {
+            if (made[i]) order.push_back(i);
+        }
+        // Of two equal names the later one wins, as when each is registered in turn.
+        std::sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+            const int compared = compareNames(files[a], files[b]);
+            return compared != 0 ? compared < 0 : a < b;
+        });
+        for (const std::size_t i : order) {
+            FileSystemPart*& slot = parts.emplace_hint(parts.end(), std::move(files[i]), nullptr)->second;
+            delete std::exchange(slot, made[i].release());
+        }
+    };
+    try {
+        for (std::size_t i = 0; i < files.size(); ++i) {
+            std::u16string& name = files[i];
+            const std::size_t position = name.find(packageRoot);
+            // A path outside the folder is not expected of the service; it is no part.
+            if (position == std::u16string::npos) {
+                std::u16string().swap(name);
+                continue;
+            }
+            name = name.substr(position + packageRoot.size());
+            if (name.compare(0, kTrashPrefix.size(), kTrashPrefix) == 0) {
+                std::u16string().swap(name);
+                continue;
+            }
+            made[i] = std::make_unique<FileSystemPart>(this, name, std::u16string(), mode);
+        }
+    } catch (...) {
+        registerMade();  // what was made before the failure stays registered
+        throw;
     }
+    registerMade();
     getContentTypesPart();
 }
 

@@ -83,21 +83,58 @@ inline TreeSnapshot sampleAfterCommit() {
 }
 
 // How many of this process's file descriptors lie on a file below folder.
+// Not counted: the service's locks on a staging folder or swap journal that
+// an injected failure kept it from releasing.
 inline int openFilesBelow(const std::filesystem::path& folder) {
     const std::string prefix = std::filesystem::canonical(folder).native() + "/";
     int count = 0;
     for (const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) {
         std::error_code gone;  // a descriptor may close while listed
-        count += std::filesystem::read_symlink(fd, gone).native().rfind(prefix, 0) == 0;
+        const std::filesystem::path target = std::filesystem::read_symlink(fd, gone);
+        const std::string name = target.filename().native();
+        const bool lock = name.rfind(".opc-", 0) == 0 &&
+                          (std::filesystem::is_directory(target, gone) || target.extension() == ".journal");
+        count += target.native().rfind(prefix, 0) == 0 && !lock;
     }
     return count;
+}
+
+inline opc::interfaces::IPhysicalPart* partNamed(FileSystemPhysicalPackage& package, const std::u16string& name) {
+    for (auto* part : package.getParts()) {
+        if (part->getName() == name) return part;
+    }
+    throw std::runtime_error("no part " + toUtf8(name));
+}
+
+// Rewrites /word/document.xml, deletes two parts, creates /new/added.xml
+// (written) and /new/deeper/unwritten.xml (never written), and leaves an
+// input stream of /word/styles.xml open.
+inline void changeSample(FileSystemPhysicalPackage& package) {
+    char head[3];
+    partNamed(package, u"/word/styles.xml")->getInputStream()->read(head, 3);
+    writeAll(partNamed(package, u"/word/document.xml")->getOutputStream(), "new document");
+    package.deletePart(u"/docProps/core.xml");
+    package.deletePart(u"/custom/item.xml");
+    writeAll(package.createPart(u"/new/added.xml", u"", FileSystemPartInfo())->getOutputStream(), "added");
+    package.createPart(u"/new/deeper/unwritten.xml", u"", FileSystemPartInfo());
+}
+
+// The sample package before the changes, with an empty folder.
+inline TreeSnapshot sampleBeforeCommit() {
+    TreeSnapshot tree = treeOf(sampleFiles());
+    tree["pkg/emptyFolder/"] = "";
+    return tree;
+}
+
+inline void writeSample(const std::filesystem::path& package) {
+    for (const auto& [path, bytes] : sampleFiles()) writeFile(package / path, bytes);
+    std::filesystem::create_directories(package / "emptyFolder");
 }
 
 // The sample package, with an empty folder besides, at dir/pkg, seen through ops.
 struct Sample {
     Sample() {
-        for (const auto& [path, bytes] : sampleFiles()) writeFile(dir.path() / "pkg" / path, bytes);
-        std::filesystem::create_directories(dir.path() / "pkg/emptyFolder");
+        writeSample(dir.path() / "pkg");
         original = after();
     }
     TreeSnapshot after() const { return snapshotTree(dir.path()); }
@@ -116,24 +153,8 @@ struct Sample {
         if (changed) change();
         ops.clearCalls();
     }
-    opc::interfaces::IPhysicalPart* part(const std::u16string& name) {
-        for (auto* part : package->getParts()) {
-            if (part->getName() == name) return part;
-        }
-        throw std::runtime_error("no part " + toUtf8(name));
-    }
-    // Rewrites /word/document.xml, deletes two parts, creates /new/added.xml
-    // (written) and /new/deeper/unwritten.xml (never written), and leaves an
-    // input stream of /word/styles.xml open.
-    void change() {
-        char head[3];
-        part(u"/word/styles.xml")->getInputStream()->read(head, 3);
-        writeAll(part(u"/word/document.xml")->getOutputStream(), "new document");
-        package->deletePart(u"/docProps/core.xml");
-        package->deletePart(u"/custom/item.xml");
-        writeAll(package->createPart(u"/new/added.xml", u"", FileSystemPartInfo())->getOutputStream(), "added");
-        package->createPart(u"/new/deeper/unwritten.xml", u"", FileSystemPartInfo());
-    }
+    opc::interfaces::IPhysicalPart* part(const std::u16string& name) { return partNamed(*package, name); }
+    void change() { changeSample(*package); }
     void expectClosedAndReleased() {
         EXPECT_FALSE(package->isOpen());
         EXPECT_EQ(package->getTempPackageRoot(), u"");

@@ -283,13 +283,15 @@ TEST(CommitFaults, EveryFailingCallLeavesOldPackageAndReportsItsStep) {
 }
 
 // When an undo step fails too, the old package stays whole aside under its
-// hidden name, beside whatever the undo left at the package path.
+// hidden name, beside whatever the undo left at the package path and the
+// journal for recovery, marked "U" once the undo began to remove the package
+// path.
 TEST(CommitFaults, FailedUndoLeavesOldPackageAside) {
-    for (const auto& [failing, message, newLeft] :
-         std::vector<std::tuple<std::vector<std::pair<Hook, std::size_t>>, std::string, bool>>{
-             {{{Hook::Rename, 2}, {Hook::Rename, 3}}, "injected rename failure" + kIo, false},
-             {{{Hook::RemoveAll, 1}, {Hook::RemoveAll, 2}}, "injected removeAll failure" + kIo, true},
-             {{{Hook::RemoveAll, 1}, {Hook::Rename, 3}}, "injected rename failure" + kIo, false}}) {
+    for (const auto& [failing, message, newLeft, state] :
+         std::vector<std::tuple<std::vector<std::pair<Hook, std::size_t>>, std::string, bool, char>>{
+             {{{Hook::Rename, 2}, {Hook::Rename, 3}}, "injected rename failure" + kIo, false, 'S'},
+             {{{Hook::RemoveAll, 1}, {Hook::RemoveAll, 2}}, "injected removeAll failure" + kIo, true, 'S'},
+             {{{Hook::RemoveAll, 1}, {Hook::Rename, 3}}, "injected rename failure" + kIo, false, 'U'}}) {
         SCOPED_TRACE(message + ", first " + hookName(failing[0].first));
         Sample s;
         s.open();
@@ -303,7 +305,14 @@ TEST(CommitFaults, FailedUndoLeavesOldPackageAside) {
         TreeSnapshot expected = subtree(s.original, "pkg", baseName(rename->second));
         if (newLeft)
             for (const auto& entry : sampleAfterCommit()) expected.insert(entry);
-        EXPECT_EQ(s.after(), expected);
+        TreeSnapshot left = s.after();
+        const auto journal = std::find_if(left.begin(), left.end(), [](const auto& entry) {
+            return entry.first.rfind(".opc-", 0) == 0 && entry.first.find(".journal") == 21;
+        });
+        ASSERT_NE(journal, left.end());
+        EXPECT_EQ(journal->second, "OPCSWAP1" + std::string(1, state) + "pkg" + '\0' + baseName(rename->second) + '\0');
+        left.erase(journal);
+        EXPECT_EQ(left, expected);
     }
 }
 

@@ -23,7 +23,7 @@ TEST(CommandLine, HelpForTheToolAndEachCommandAndTheProjectVersion) {
     const RunResult tool = runOpcdir(dir.path(), {"--help"});
     EXPECT_EQ(tool.status, 0);
     EXPECT_EQ(tool.out.rfind("usage: opcdir COMMAND [OPTIONS] ARGUMENTS\n", 0), 0u);
-    for (const std::string command : {"ls", "cat", "put", "rm", "new", "unpack", "pack"}) {
+    for (const std::string command : {"ls", "cat", "put", "rm", "new", "unpack", "pack", "recover"}) {
         SCOPED_TRACE(command);
         EXPECT_NE(tool.out.find("\n  " + command + " "), std::string::npos);
         const RunResult help = runOpcdir(dir.path(), {command, "--help"});
@@ -307,13 +307,11 @@ TEST_F(UnpackOntoPackage, BadArchivesAreRefusedBeforeTheTargetIsTouched) {
          "entry 'zeros.bin' expands more than 1000 times (see --max-ratio)"},
     };
     for (const auto& [archive, message] : cases) refuse(archive, message);
-    // Limits hold on the bytes inflated, whatever sizes the archive declares.
+    // Limits are checked on declared sizes, so an entry inflating past its own
+    // is refused at once.
     std::string bomb = packed({{"[Content_Types].xml", kTypes}, {"zeros.bin", std::string(4 << 20, '\0')}});
     setDeclaredSize(bomb, "zeros.bin", 10);
-    refuse(bomb, "entry 'zeros.bin' expands more than 100 times (see --max-ratio)", {"--max-ratio", "100"});
-    bomb = packed({{"[Content_Types].xml", kTypes}, {"data.bin", std::string(2 << 20, 'a')}});
-    setDeclaredSize(bomb, "data.bin", 10);
-    refuse(bomb, "expands to more than the limit of 1048576 bytes (see --max-size)", {"--max-size", "1M"});
+    refuse(bomb, "entry 'zeros.bin' inflates to more than the 10 bytes it declares", {"--max-ratio", "100"});
     refuse(with("a.bin", std::string(3000, 'a')),
            "expands to " + std::to_string(3000 + kTypes.size()) +
                " bytes, more than the limit of 2048 bytes (see --max-size)",
@@ -329,8 +327,9 @@ TEST_F(UnpackOntoPackage, CorruptDataFoundAfterEarlierEntriesAreWrittenLeavesThe
     const TreeSnapshot before = snapshotTree(dir.path());
     const RunResult result = runOpcdir(dir.path(), {"unpack", "--force", "bad.zip", "pkg"});
     EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.err.rfind("opcdir: bad.zip: corrupt entry 'word/document.xml': ", 0), 0u) << result.err;
-    EXPECT_EQ(result.err.find('\n'), result.err.size() - 1);
+    // The damaged stream inflates past the size the entry declares.
+    EXPECT_EQ(result.err,
+              "opcdir: bad.zip: entry 'word/document.xml' inflates to more than the 1820 bytes it declares\n");
     EXPECT_EQ(snapshotTree(dir.path()), before);
 }
 
@@ -361,6 +360,7 @@ TEST(CommandUnderFaults, EveryFailingCallGivesOneLineStatusOneAndTheOldTree) {
         {"rm", at("pkg"), "word/styles.xml"},
         {"unpack", "--force", at("new.zip"), at("pkg")},
         {"pack", at("pkg"), at("out.docx")},
+        {"recover", at("pkg")},
     };
     std::size_t covered = 0;
     std::set<Hook> failedHooks;
@@ -393,9 +393,11 @@ TEST(CommandUnderFaults, EveryFailingCallGivesOneLineStatusOneAndTheOldTree) {
     std::cout << "[ coverage ] failed each of " << covered << " service calls of " << commands.size()
               << " commands in turn\n";
     // Among them every kind of call the tool makes beyond what the package
-    // does: the input file, the archive read and written, sizes and targets.
-    for (const Hook hook : {Hook::CreateInputStream, Hook::CreateOutputStream, Hook::FileSize, Hook::ReplaceFile,
-                            Hook::GetTempName, Hook::IsFolder, Hook::GetFiles, Hook::NormalizePath})
+    // does: the input file, the archive read and written, sizes, targets and
+    // the recovery every writing command starts with.
+    for (const Hook hook :
+         {Hook::CreateInputStream, Hook::CreateOutputStream, Hook::FileSize, Hook::ReplaceFile, Hook::GetTempName,
+          Hook::IsFolder, Hook::GetFiles, Hook::NormalizePath, Hook::Recover, Hook::Exists})
         EXPECT_EQ(failedHooks.count(hook), 1u) << hookName(hook);
 }
 

@@ -238,6 +238,39 @@ TEST_F(Open, TemporaryFolderFailureCarriesItsCodeAndDestructorRemovesFolder) {
     }
 }
 
+// Lists the given paths below the folder, in this order, whatever is on disk.
+struct ScriptedListingOps : FaultyFileSystemOps {
+    std::vector<std::string> listing;
+    void getFilesImpl(const std::u16string& folder, std::vector<std::u16string>& files, bool recursive) override {
+        FaultyFileSystemOps::getFilesImpl(folder, files, recursive);
+        files.clear();
+        for (const std::string& relative : listing) files.push_back(folder + u"/" + fromUtf8(relative));
+    }
+};
+struct ScriptedOpen : PackageFixture<ScriptedListingOps> {};
+
+// Parts are made in the listing's order. When one cannot be made, those made
+// before it stay registered, in name order; a name listed twice counts once.
+TEST_F(ScriptedOpen, PartsMadeBeforeAFailureStayRegisteredInNameOrder) {
+    write({{"b.xml", "B"}, {"a.xml", "A"}, {"c.xml", "C"}});
+    ops.listing = {"b.xml", "[Content_Types].xml", "a.xml", "b.xml", "missing.xml", "c.xml"};
+    EXPECT_OPC_EXCEPTION(open(OpenMode::Read), "Cannot read. File does not exist.", emptyCode());
+    const std::u16string folder = dir.u16("pkg") + u"/";
+    Names tested;
+    for (const Call& call : ops.calls()) {
+        if (call.hook == Hook::Exists && call.path.rfind(folder, 0) == 0)
+            tested.push_back(call.path.substr(folder.size()));
+    }
+    EXPECT_EQ(tested, (Names{u"b.xml", u"[Content_Types].xml", u"a.xml", u"b.xml", u"missing.xml"}));
+    EXPECT_EQ(partNames(*package), (Names{u"/a.xml", u"/b.xml"}));
+    EXPECT_OPC_EXCEPTION(package->deletePart(u"/c.xml"), kNoPart, emptyCode());
+
+    ops.listing.erase(ops.listing.begin() + 4);
+    package->open(OpenMode::Read);  // starts afresh over what the failed open left
+    EXPECT_EQ(partNames(*package), (Names{u"/a.xml", u"/b.xml", u"/c.xml"}));
+    EXPECT_EQ(readAll(findPart(*package, u"/b.xml")->getInputStream()), "B");
+}
+
 TEST_F(Registry, GetPartsListsChangedFirstThenByUtf16CodeUnit) {
     // U+1F600 is the surrogate pair D83D DE00: by code unit it sorts before
     // U+FF21, by code point or UTF-8 after.

@@ -27,6 +27,7 @@ const char* hookName(Hook hook) {
         case Hook::LockFile: return "lockFile";
         case Hook::FileSize: return "fileSize";
         case Hook::ReplaceFile: return "replaceFile";
+        case Hook::Recover: return "recover";
     }
     return "?";
 }
@@ -190,6 +191,11 @@ std::uint64_t FaultyFileSystemOps::fileSizeImpl(const std::u16string& path) {
 void FaultyFileSystemOps::replaceFileImpl(const std::u16string& from, const std::u16string& to) {
     enterThrowing(Hook::ReplaceFile, from, to);
     LocalFileSystemOps::replaceFileImpl(from, to);
+}
+
+RecoveryReport FaultyFileSystemOps::recoverImpl(const std::u16string& packagePath) {
+    enterThrowing(Hook::Recover, packagePath);
+    return LocalFileSystemOps::recoverImpl(packagePath);
 }
 
 }  // namespace opc::test

@@ -33,6 +33,7 @@ enum class Hook {
     LockFile,
     FileSize,
     ReplaceFile,
+    Recover,
 };
 
 const char* hookName(Hook hook);
@@ -101,6 +102,7 @@ protected:
                                            std::optional<std::chrono::nanoseconds> timeout) override;
     std::uint64_t fileSizeImpl(const std::u16string& path) override;
     void replaceFileImpl(const std::u16string& from, const std::u16string& to) override;
+    RecoveryReport recoverImpl(const std::u16string& packagePath) override;
 
 private:
     struct Rule {

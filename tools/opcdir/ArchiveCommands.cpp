@@ -4,12 +4,14 @@
 #include "Errors.h"
 #include "PartCommands.h"
 #include "PartNames.h"
+#include "RecoveryCommands.h"
 #include "Session.h"
 #include "Zip.h"
 
 #include <opcfspackage/FileSystemPartInfo.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <memory>
 
 namespace opcdir {
@@ -90,6 +92,48 @@ private:
     IPhysicalInputStream* stream = nullptr;
 };
 
+// The folders above a package path that do not exist yet: opening the
+// package makes them, and a failed unpack must not leave them behind.
+class NewParentFolders {
+public:
+    NewParentFolders(opc::FileSystemOps& fileSystem, const std::string& packagePath) : service(fileSystem) {
+        try {
+            std::u16string folder = service.normalizePath(toUtf16(packagePath));
+            for (std::u16string parent = service.getParentPath(folder);
+                 !parent.empty() && parent != folder && !service.exists(parent);
+                 parent = service.getParentPath(folder)) {
+                missing.push_back(parent);
+                folder = parent;
+            }
+        } catch (const opc::Exception& e) {
+            throw Failure(packagePath, libraryCause(e));
+        }
+    }
+    NewParentFolders(const NewParentFolders&) = delete;
+    NewParentFolders& operator=(const NewParentFolders&) = delete;
+    // Deepest first; a folder that something else has filled stays.
+    ~NewParentFolders() {
+        if (kept) return;
+        for (const std::u16string& folder : missing) {
+            try {
+                std::vector<std::u16string> files;
+                service.getFiles(folder, files, true);
+                if (!files.empty()) return;
+                boost::system::error_code ignored;
+                service.removeAll(folder, ignored);
+            } catch (const opc::Exception&) {
+                return;
+            }
+        }
+    }
+    void keep() { kept = true; }
+
+private:
+    opc::FileSystemOps& service;
+    std::vector<std::u16string> missing;
+    bool kept = false;
+};
+
 // The archive's path, refused when packing would write into the package or
 // onto a folder.
 std::u16string archivePathFor(Session& session, const std::string& archiveName) {
@@ -99,7 +143,19 @@ std::u16string archivePathFor(Session& session, const std::string& archiveName) 
         const std::u16string root = session->getPackageRoot();
         if (archivePath == root || archivePath.compare(0, root.size() + 1, root + u"/") == 0)
             throw Failure(archiveName, "lies inside the package " + session.name());
-        if (fileSystem.isFolder(archivePath)) throw Failure(archiveName, "is a folder");
+        // The archive replaces a regular file only: not a link (whose target
+        // would stay and the link go), nor a device or FIFO.
+        try {
+            fileSystem.fileSize(archivePath);
+        } catch (const opc::Exception& e) {
+            const int code = e.code().value();
+            if (code == EISDIR) throw Failure(archiveName, "is a folder");
+            if (code == ELOOP || code == ENXIO) {
+                throw Failure(archiveName, std::string("is ") + (code == ELOOP ? "a symbolic link" : "a special file") +
+                                               ", not a regular file");
+            }
+            if (code != ENOENT) throw Failure(archiveName, "cannot write: " + e.code().message());
+        }
         if (!fileSystem.isFolder(fileSystem.getParentPath(archivePath)))
             throw Failure(archiveName, "its folder does not exist");
         return archivePath;
@@ -118,12 +174,16 @@ void unpackCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem
     ZipReader reader(fileSystem, archiveName, archiveName);
     const std::vector<const ZipEntry*> files = checkEntries(archiveName, reader, limits);
     reader.checkConsistency();
+    recoverPackage(fileSystem, packageName);
     if (!args.has("--force") && !isFreeTarget(fileSystem, packageName))
         throw Failure(packageName, "already exists and is not an empty folder (use --force to replace it)");
 
     // Create mode: whatever is at the path is replaced by the commit alone, so
     // a failure on the way leaves it as it was.
+    NewParentFolders parents(fileSystem, packageName);
     Session session(fileSystem, packageName, OpenMode::Create);
+    checkPathLengths(archiveName, files,
+                     std::max(toUtf8(session->getPackageRoot()).size(), toUtf8(session->getTempPackageRoot()).size()));
     std::uint64_t declared = 0;
     for (const ZipEntry* entry : files) declared += entry->size;
     Progress progress(io, "unpack", declared);
@@ -135,17 +195,17 @@ void unpackCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem
         reader.read(*entry, [&](const char* data, std::size_t count) {
             written += count;
             total += count;
-            checkInflated(archiveName, *entry, written, total, limits);
+            checkInflated(archiveName, *entry, written);
             writeAll(session, partName, stream, data, count);
             progress.update(total);
         });
+        checkComplete(archiveName, *entry, written);
         // Written data reaches the file before the stream lets go of it, and
         // a part per entry keeps the count of open files at one.
-        stream->flush();
-        if (stream->isFailed()) throw Failure(packageName, "cannot write part " + quoteName(partName));
-        stream->close();
+        finishPart(session, partName, stream);
     }
     session.commit();
+    parents.keep();
 }
 
 void packCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
@@ -155,6 +215,18 @@ void packCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) 
     const std::u16string archivePath = archivePathFor(session, archiveName);
 
     const std::vector<Listed> listed = listParts(session);
+    // What unpack would refuse is not written: a name it cannot take, or two
+    // names that are one file where case does not count.
+    NameTree names;
+    for (const Listed& entry : listed) {
+        const std::string reason = unsafeNameReason(entry.name.substr(1));
+        if (!reason.empty()) throw Failure(packageName, "cannot pack part " + quoteName(entry.name) + ": " + reason);
+        const NameTree::Result clash = names.add(entry.name);
+        if (clash.clash != NameTree::Clash::None) {
+            throw Failure(packageName, "cannot pack part " + quoteName(entry.name) + ": differs only in case from " +
+                                           quoteName(clash.other));
+        }
+    }
     std::vector<std::unique_ptr<PartSource>> sources;
     ZipWriter writer(fileSystem, archiveName, archivePath);
     std::uint64_t total = 0;

@@ -4,6 +4,9 @@
 #include "PartNames.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
 
 namespace opcdir {
 namespace {
@@ -39,6 +42,22 @@ void checkName(const std::string& archiveName, const ZipEntry& entry, NameTree& 
     }
 }
 
+// Entries whose data meet would inflate the same compressed bytes again and
+// again, past every per-entry limit.
+void checkExtents(const std::string& archiveName, const ZipReader& reader) {
+    std::vector<const ZipEntry*> byOffset;
+    byOffset.reserve(reader.entries().size());
+    for (const ZipEntry& entry : reader.entries()) byOffset.push_back(&entry);
+    std::sort(byOffset.begin(), byOffset.end(),
+              [](const ZipEntry* a, const ZipEntry* b) { return a->headerOffset < b->headerOffset; });
+    for (std::size_t i = 1; i < byOffset.size(); ++i) {
+        if (byOffset[i]->headerOffset < byOffset[i - 1]->dataEnd) {
+            throw Failure(archiveName, "entries " + quoteName(byOffset[i - 1]->name) + " and " +
+                                           quoteName(byOffset[i]->name) + " share or overlap compressed data");
+        }
+    }
+}
+
 }  // namespace
 
 std::vector<const ZipEntry*> checkEntries(const std::string& archiveName,
@@ -58,6 +77,7 @@ std::vector<const ZipEntry*> checkEntries(const std::string& archiveName,
         if (expandsPast(entry.size, entry.compressedSize, limits.maxRatio))
             throw ratioFailure(archiveName, entry, limits);
     }
+    checkExtents(archiveName, reader);
     if (!hasContentTypes) throw Failure(archiveName, "not a package: no " + quoteName(kContentTypesName) + " entry");
     if (declared > limits.maxSize) {
         throw Failure(archiveName, "expands to " + std::to_string(declared) + " bytes, more than the limit of " +
@@ -66,16 +86,30 @@ std::vector<const ZipEntry*> checkEntries(const std::string& archiveName,
     return files;
 }
 
-void checkInflated(const std::string& archiveName,
-                   const ZipEntry& entry,
-                   std::uint64_t written,
-                   std::uint64_t total,
-                   const Limits& limits) {
-    if (total > limits.maxSize) {
-        throw Failure(archiveName, "expands to more than the limit of " + std::to_string(limits.maxSize) +
-                                       " bytes (see --max-size)");
+void checkInflated(const std::string& archiveName, const ZipEntry& entry, std::uint64_t written) {
+    if (written > entry.size) {
+        throw Failure(archiveName, "entry " + quoteName(entry.name) + " inflates to more than the " +
+                                       std::to_string(entry.size) + " bytes it declares");
     }
-    if (expandsPast(written, entry.compressedSize, limits.maxRatio)) throw ratioFailure(archiveName, entry, limits);
+}
+
+void checkComplete(const std::string& archiveName, const ZipEntry& entry, std::uint64_t written) {
+    if (written != entry.size) {
+        throw Failure(archiveName, "entry " + quoteName(entry.name) + " inflates to " + std::to_string(written) +
+                                       " bytes, not the " + std::to_string(entry.size) + " it declares");
+    }
+}
+
+void checkPathLengths(const std::string& archiveName,
+                      const std::vector<const ZipEntry*>& files,
+                      std::size_t folderLength) {
+    for (const ZipEntry* entry : files) {
+        if (folderLength + 1 + entry->name.size() >= PATH_MAX) {
+            throw Failure(archiveName, "unsafe entry name " + quoteName(entry->name) + ": " +
+                                           std::strerror(ENAMETOOLONG) + ": more than " + std::to_string(PATH_MAX - 1) +
+                                           " bytes below the package's folder");
+        }
+    }
 }
 
 }  // namespace opcdir

@@ -1,6 +1,7 @@
 #include "CentralDirectory.h"
 
 #include "Errors.h"
+#include "PartNames.h"
 
 #include <algorithm>
 
@@ -46,6 +47,13 @@ constexpr std::size_t kLocalHeaderOffset = 42;
 constexpr std::size_t kLength = 46;  // the name follows
 }  // namespace fileHeader
 
+namespace localHeader {
+constexpr std::uint32_t kSignature = 0x04034b50;
+constexpr std::size_t kNameLength = 26;
+constexpr std::size_t kExtraLength = 28;
+constexpr std::size_t kLength = 30;  // the name follows
+}  // namespace localHeader
+
 constexpr std::uint16_t kZip64ExtraId = 0x0001;
 constexpr std::uint32_t kMarker32 = 0xffffffff;  // "the value is in the ZIP64 record"
 constexpr std::uint16_t kMarker16 = 0xffff;
@@ -77,7 +85,7 @@ public:
     Archive(std::istream& stream, std::uint64_t length, const std::string& subjectName)
         : file(stream), fileSize(length), subject(subjectName) {}
 
-    std::vector<unsigned char> read(std::uint64_t offset, std::uint64_t count, const char* what) {
+    std::vector<unsigned char> read(std::uint64_t offset, std::uint64_t count, const std::string& what) {
         if (offset > fileSize || count > fileSize - offset) throw corrupt(what);
         std::vector<unsigned char> bytes(static_cast<std::size_t>(count));
         file.clear();
@@ -112,7 +120,7 @@ std::uint64_t findEndRecord(Archive& archive) {
 // The ZIP64 values that replace the entry's marked ones, in their fixed order.
 void applyZip64Extra(const Record& extra, std::size_t length, ZipEntry& entry, bool& fail) {
     std::size_t offset = 0;
-    for (std::uint64_t* value : {&entry.size, &entry.compressedSize, &entry.localHeaderOffset}) {
+    for (std::uint64_t* value : {&entry.size, &entry.compressedSize, &entry.headerOffset}) {
         if (*value != kMarker32) continue;
         if (offset + 8 > length) {
             fail = true;
@@ -137,6 +145,23 @@ void readExtraFields(
         }
         at += 4 + size;
     }
+}
+
+// Sets where the entry's data ends. The data follows the local header, whose
+// name and extra field may differ in length from the central record's, and
+// all of it lies before the central directory.
+void locateData(Archive& archive, std::uint64_t directoryOffset, ZipEntry& entry) {
+    const std::string noHeader = "entry " + quoteName(entry.name) + " has no local header";
+    if (entry.headerOffset > directoryOffset || directoryOffset - entry.headerOffset < localHeader::kLength)
+        throw archive.corrupt(noHeader);
+    const std::vector<unsigned char> bytes = archive.read(entry.headerOffset, localHeader::kLength, noHeader);
+    const Record header(bytes, 0);
+    if (header.u32(0) != localHeader::kSignature) throw archive.corrupt(noHeader);
+    const std::uint64_t dataStart = entry.headerOffset + localHeader::kLength + header.u16(localHeader::kNameLength) +
+                                    header.u16(localHeader::kExtraLength);
+    if (dataStart > directoryOffset || entry.compressedSize > directoryOffset - dataStart)
+        throw archive.corrupt("entry " + quoteName(entry.name) + " runs into the central directory");
+    entry.dataEnd = dataStart + entry.compressedSize;
 }
 
 }  // namespace
@@ -171,8 +196,13 @@ CentralDirectory readCentralDirectory(std::istream& file, std::uint64_t fileSize
     if (directory.offset > fileSize || directory.size > fileSize - directory.offset)
         throw archive.corrupt("central directory out of bounds");
 
+    // A count the directory cannot hold is refused before anything is
+    // reserved for it.
+    if (count > directory.size / fileHeader::kLength) throw archive.corrupt("bad central directory entry");
+
     const std::vector<unsigned char> bytes =
         archive.read(directory.offset, directory.size, "central directory unreadable");
+    directory.entries.reserve(static_cast<std::size_t>(count));
     std::size_t position = 0;
     for (std::uint64_t i = 0; i < count; ++i) {
         const Record header(bytes, position);
@@ -191,8 +221,9 @@ CentralDirectory readCentralDirectory(std::istream& file, std::uint64_t fileSize
         entry.crc32 = header.u32(fileHeader::kCrc32);
         entry.compressedSize = header.u32(fileHeader::kCompressedSize);
         entry.size = header.u32(fileHeader::kSize);
-        entry.localHeaderOffset = header.u32(fileHeader::kLocalHeaderOffset);
+        entry.headerOffset = header.u32(fileHeader::kLocalHeaderOffset);
         readExtraFields(bytes, position + fileHeader::kLength + nameLength, extraLength, entry, archive);
+        locateData(archive, directory.offset, entry);
         position += total;
     }
     return directory;

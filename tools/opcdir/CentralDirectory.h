@@ -17,7 +17,10 @@ struct ZipEntry {
     std::uint32_t crc32 = 0;
     std::uint64_t compressedSize = 0;
     std::uint64_t size = 0;  // as declared; reading checks the truth
-    std::uint64_t localHeaderOffset = 0;
+    // Where the entry's local header begins and its compressed data ends in
+    // the archive file: entries whose extents meet share data.
+    std::uint64_t headerOffset = 0;
+    std::uint64_t dataEnd = 0;
 };
 
 // Where the central directory lies in the archive, and what it says.
@@ -31,7 +34,9 @@ struct CentralDirectory {
 // ZIP64 records included. Entry names are the directory's raw bytes, so that
 // a NUL in a name is seen rather than silently replaced. Throws Failure about
 // subject when there is no end record or the directory does not hold
-// together; reads no more than the directory and the records that find it.
+// together, or when an entry's local header or data is not where it says,
+// before the directory; reads no more than the directory, the records that
+// find it and the fixed part of each local header.
 CentralDirectory readCentralDirectory(std::istream& file, std::uint64_t fileSize, const std::string& subject);
 
 }  // namespace opcdir

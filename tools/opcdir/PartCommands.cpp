@@ -3,6 +3,7 @@
 #include "ContentTypes.h"
 #include "Errors.h"
 #include "PartNames.h"
+#include "RecoveryCommands.h"
 #include "Session.h"
 
 #include <opcfspackage/FileSystemPartInfo.h>
@@ -29,9 +30,10 @@ void appendJsonString(std::string& out, std::u16string_view text) {
         if (unit == u'"' || unit == u'\\') {
             out += '\\';
             out += static_cast<char>(unit);
-        } else if (unit < 0x20 || (unit >= 0xd800 && unit < 0xe000 && !pair)) {
-            // Control characters, and lone surrogates that stand for bytes
-            // that are not UTF-8, so that the output stays valid UTF-8.
+        } else if (unit < 0x20 || (unit >= 0x7f && unit <= 0x9f) || (unit >= 0xd800 && unit < 0xe000 && !pair)) {
+            // Control characters (C1 too: a terminal takes U+009B for an
+            // escape), and lone surrogates that stand for bytes that are not
+            // UTF-8, so that the output stays valid UTF-8.
             char escape[8];
             std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(unit));
             out += escape;
@@ -67,8 +69,15 @@ std::string jsonListing(const std::string& packageName, const std::vector<Row>& 
 }
 
 // Sizes right-aligned, then (withTypes) the content types in a column of
-// their own, "-" for none.
-std::string textListing(const std::vector<Row>& rows, bool withTypes) {
+// their own, "-" for none. Names and types come from the package: on a
+// terminal (escape) their control characters are escaped.
+std::string textListing(std::vector<Row> rows, bool withTypes, bool escape) {
+    if (escape) {
+        for (Row& row : rows) {
+            row.name = escapeControls(row.name);
+            row.type = escapeControls(row.type);
+        }
+    }
     std::size_t sizeWidth = 0;
     std::size_t typeWidth = 1;
     for (const Row& row : rows) {
@@ -144,7 +153,8 @@ void listCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) 
         rows.push_back({entry.name, session.sizeOf(entry.name),
                         entry.part != nullptr && withTypes ? types.lookup(entry.name) : ""});
     }
-    const std::string out = json ? jsonListing(args.operands[0], rows) : textListing(rows, args.has("--long"));
+    const std::string out =
+        json ? jsonListing(args.operands[0], rows) : textListing(rows, args.has("--long"), io.outIsTerminal);
     session.commit();
     io.out << out << std::flush;
 }
@@ -177,6 +187,7 @@ void putCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
         input = file.get();
     }
 
+    recoverPackage(fileSystem, packageName);
     Session session(fileSystem, packageName, OpenMode::ReadWrite);
     IPhysicalOutputStream* stream = outputFor(session, partName);
     std::vector<char> buffer(kPiece);
@@ -185,6 +196,7 @@ void putCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
         writeAll(session, partName, stream, buffer.data(), static_cast<std::size_t>(input->gcount()));
     }
     if (input->bad()) throw Failure(inputName, "read failed");
+    finishPart(session, partName, stream);
     session.commit();
 }
 
@@ -194,6 +206,7 @@ void removeCommand(const Arguments& args, Io&, opc::FileSystemOps& fileSystem) {
     for (std::size_t i = 1; i < args.operands.size(); ++i)
         partNames.push_back(partNameArgument(packageName, args.operands[i]));
 
+    recoverPackage(fileSystem, packageName);
     Session session(fileSystem, packageName, OpenMode::ReadWrite);
     std::set<std::string> present;
     for (const Listed& entry : listParts(session)) present.insert(entry.name);
@@ -225,11 +238,13 @@ bool isFreeTarget(opc::FileSystemOps& fileSystem, const std::string& path) {
 
 void newCommand(const Arguments& args, Io&, opc::FileSystemOps& fileSystem) {
     const std::string& packageName = args.operands[0];
+    recoverPackage(fileSystem, packageName);
     if (!isFreeTarget(fileSystem, packageName)) throw Failure(packageName, "already exists and is not an empty folder");
     Session session(fileSystem, packageName, OpenMode::Create);
     const std::string content = minimalContentTypes();
     IPhysicalOutputStream* stream = outputFor(session, contentTypesPartName());
     writeAll(session, contentTypesPartName(), stream, content.data(), content.size());
+    finishPart(session, contentTypesPartName(), stream);
     session.commit();
 }
 

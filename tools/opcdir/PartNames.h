@@ -1,8 +1,9 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
-#include <unordered_map>
+#include <vector>
 
 namespace opcdir {
 
@@ -20,7 +21,10 @@ std::string contentTypesPartName();
 // Why a package-relative path (a ZIP entry name, or a part name without its
 // leading "/") cannot name a part file, or empty when it can. Refused:
 // absolute names, backslashes, NUL, empty, "." and ".." segments, a trailing
-// "/", and the reserved "[trash]" folder.
+// "/", a first segment beginning with "[trash]" (the library lists no such
+// file), and names longer than Linux allows (a segment of more than NAME_MAX
+// bytes, PATH_MAX bytes in all). unpack, pack and put refuse the same names,
+// so that whatever pack writes unpack accepts.
 std::string unsafeNameReason(std::string_view relative);
 
 // A part name typed by a user, with or without its leading "/", checked as
@@ -30,13 +34,22 @@ std::string partNameArgument(const std::string& subject, const std::string& argu
 // ASCII letters lowered: part names compare without regard to ASCII case.
 std::string foldCase(std::string_view text);
 
-// The name quoted for a message, with control bytes escaped so that an error
-// stays on one line.
+// text with every control character written as \xNN: the C0 controls,
+// DEL, and the C1 controls U+0080 to U+009F (whose CSI a terminal takes as an
+// escape sequence), so that text from a package cannot drive a terminal.
+std::string escapeControls(std::string_view text);
+
+// The name quoted for a message, with control characters escaped so that an
+// error stays on one line and cannot drive a terminal.
 std::string quoteName(std::string_view name);
 
 // Names that live side by side in one folder tree, where two names equal but
 // for ASCII case are one file, and a file cannot also be the folder of
 // another name. Both put and unpack keep their packages to these rules.
+//
+// Names are kept as a tree of segments, each found by a hash of its folder
+// and its folded bytes: a whole archive's names take time and memory linear in
+// their total length, however deep they are.
 class NameTree {
 public:
     enum class Clash {
@@ -58,12 +71,23 @@ public:
     Result check(const std::string& name) const;
 
 private:
+    static constexpr std::uint32_t kNone = 0xffffffff;
+
     struct Node {
+        std::uint32_t parent;  // kNone at the top
+        std::uint32_t name;    // the first name that made it: the file, or a name below the folder
+        std::uint32_t offset;  // of the node's segment in that name
+        std::uint32_t length;
         bool isFile;
-        std::string name;  // the first name that made it: the file, or a name below the folder
     };
 
-    std::unordered_map<std::string, Node> nodes;  // folded path -> node
+    std::string_view segmentOf(const Node& node) const;
+    std::uint32_t find(std::uint32_t parent, std::string_view segment) const;
+    void insert(const Node& node);
+
+    std::vector<std::string> names;  // every name added, as it was added
+    std::vector<Node> nodes;
+    std::vector<std::uint32_t> slots;  // open addressing: node index + 1, 0 when free
 };
 
 }  // namespace opcdir

@@ -2,6 +2,7 @@
 
 #include "ArchiveCommands.h"
 #include "PartCommands.h"
+#include "RecoveryCommands.h"
 
 namespace opcdir {
 
@@ -66,6 +67,17 @@ const std::vector<Command>& commands() {
          2,
          2,
          &packCommand},
+        {"recover",
+         "recover PKG",
+         "finish or undo what an interrupted commit left, and say what was done",
+         "  Puts back the package as it was, or completes the commit, and removes\n"
+         "  hidden folders that interrupted commits left beside it. Every command\n"
+         "  that writes a package does this first. Exit status 0 when a whole\n"
+         "  package lies at PKG afterwards.\n",
+         {},
+         1,
+         1,
+         &recoverCommand},
     };
     return table;
 }

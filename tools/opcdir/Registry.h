@@ -18,6 +18,9 @@ struct Io {
     std::ostream& err;
     // Progress lines go to err only when it is a terminal.
     bool errIsTerminal = false;
+    // Names listed on a terminal get their control characters escaped, so
+    // that a name cannot carry escape sequences to it.
+    bool outIsTerminal = false;
 };
 
 // Carries out one parsed command line. Throws Failure or UsageError; every

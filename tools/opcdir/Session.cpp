@@ -6,6 +6,8 @@
 #include <boost/system/error_code.hpp>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 namespace opcdir {
 
@@ -104,12 +106,31 @@ std::string readWhole(Session& session, const Listed& entry) {
     return content;
 }
 
+namespace {
+
+// The stream reports only that it failed; the errno of the write that failed
+// is the cause, and nothing between that write and here sets errno.
+[[noreturn]] void writeFailed(Session& session, const std::string& partName, int error) {
+    throw Failure(session.name(), "cannot write part " + quoteName(partName) +
+                                      (error != 0 ? ": " + std::string(std::strerror(error)) : ""));
+}
+
+}  // namespace
+
 void writeAll(
     Session& session, const std::string& partName, IPhysicalOutputStream* stream, const char* data, std::size_t count) {
+    errno = 0;
     if (stream->write(data, static_cast<std::streamsize>(count)) != static_cast<std::streamsize>(count) ||
         stream->isFailed()) {
-        throw Failure(session.name(), "cannot write part " + quoteName(partName));
+        writeFailed(session, partName, errno);
     }
+}
+
+void finishPart(Session& session, const std::string& partName, IPhysicalOutputStream* stream) {
+    errno = 0;
+    stream->flush();
+    if (stream->isFailed()) writeFailed(session, partName, errno);
+    stream->close();
 }
 
 }  // namespace opcdir

@@ -71,11 +71,16 @@ opc::interfaces::IPhysicalInputStream* inputOf(Session& session, const Listed& e
 
 std::string readWhole(Session& session, const Listed& entry);
 
-// Writes count bytes, or throws Failure naming the part.
+// Writes count bytes, or throws Failure naming the part and, where the C
+// library left one, the cause.
 void writeAll(Session& session,
               const std::string& partName,
               opc::interfaces::IPhysicalOutputStream* stream,
               const char* data,
               std::size_t count);
+
+// Flushes and closes the stream, or throws Failure as writeAll does: the
+// last bytes can fail where the writes before them did not.
+void finishPart(Session& session, const std::string& partName, opc::interfaces::IPhysicalOutputStream* stream);
 
 }  // namespace opcdir

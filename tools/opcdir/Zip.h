@@ -30,8 +30,7 @@ public:
     // Every entry, folder entries included, in central-directory order.
     const std::vector<ZipEntry>& entries() const { return directory.entries; }
 
-    // Checks that the local headers agree with the central directory and
-    // readies the archive for read().
+    // Checks that the local headers agree with the central directory.
     // REQUIRES: no two entries share a name (the check counts them corrupt).
     void checkConsistency();
 
@@ -41,6 +40,9 @@ public:
     void read(const ZipEntry& entry, const std::function<void(const char*, std::size_t)>& sink);
 
 private:
+    // The archive in libzip, reading through file. Throws Failure.
+    struct zip* open(int flags);
+
     std::string subject;
     std::unique_ptr<ArchiveFile> file;
     CentralDirectory directory;
@@ -59,8 +61,8 @@ public:
 };
 
 // A ZIP archive written through the file-system service to a hidden
-// temporary file beside its path and put in its place by commit(), so that the path never holds a half-written
-// archive. Entries are deflated, with a fixed timestamp and fixed attributes,
+// temporary file beside its path and put in its place by commit(), so that
+// the path never holds a half-written archive. Entries are deflated, with a fixed timestamp and fixed attributes,
 // and ZIP64 records only where sizes or offsets need them: the same entries
 // give the same bytes.
 class ZipWriter {

@@ -6,6 +6,8 @@
 
 #include <zip.h>
 
+#include <memory>
+
 namespace opcdir {
 namespace {
 
@@ -17,26 +19,44 @@ ZipReader::ZipReader(opc::FileSystemOps& fileSystem, std::string subjectName, co
     : subject(std::move(subjectName)), file(ArchiveFile::openExisting(fileSystem, toUtf16(path), subject)) {
     // libzip would replace a NUL in an entry name by a space, which would
     // turn a hostile name into a harmless-looking one: the names come from
-    // the central directory's own bytes.
+    // the central directory's own bytes, as do the offsets of the local
+    // headers that tell where each entry's data lies.
     directory = readCentralDirectory(file->input(), file->size(), subject);
+    // Owned here until the constructor returns: a refusal below must not
+    // leak it, as the destructor does not run then.
+    std::unique_ptr<zip_t, void (*)(zip_t*)> opened(open(ZIP_RDONLY), &zip_discard);
+    zip_t* const zip = opened.get();
+    const zip_int64_t count = zip_get_num_entries(zip, 0);
+    if (count < 0 || static_cast<std::uint64_t>(count) != directory.entries.size())
+        throw Failure(subject, "corrupt ZIP archive: inconsistent entry count");
+    // Sizes as libzip reads them, so that the limits hold for what it inflates.
+    for (const ZipEntry& entry : directory.entries) {
+        zip_stat_t stat;
+        if (zip_stat_index(zip, entry.index, ZIP_FL_ENC_RAW, &stat) != 0)
+            throw Failure(subject, "corrupt ZIP archive: " + std::string(zip_strerror(zip)));
+        if ((stat.valid & ZIP_STAT_SIZE) == 0 || stat.size != entry.size || (stat.valid & ZIP_STAT_COMP_SIZE) == 0 ||
+            stat.comp_size != entry.compressedSize) {
+            throw Failure(subject, "corrupt ZIP archive: inconsistent sizes of entry " + quoteName(entry.name));
+        }
+    }
+    archive = opened.release();
 }
 
 ZipReader::~ZipReader() {
     if (archive != nullptr) zip_discard(archive);
 }
 
-void ZipReader::checkConsistency() {
-    if (archive != nullptr) return;
+zip_t* ZipReader::open(int flags) {
     zip_error_t error;
     zip_error_init(&error);
-    archive = file->openArchive(ZIP_RDONLY | ZIP_CHECKCONS, &error);
+    zip_t* opened = file->openArchive(flags, &error);
     const std::string cause = file->serviceFailure().empty() ? zip_error_strerror(&error) : file->serviceFailure();
     zip_error_fini(&error);
-    if (archive == nullptr) throw Failure(subject, "corrupt ZIP archive: " + cause);
-    const zip_int64_t count = zip_get_num_entries(archive, 0);
-    if (count < 0 || static_cast<std::uint64_t>(count) != directory.entries.size())
-        throw Failure(subject, "corrupt ZIP archive: inconsistent entry count");
+    if (opened == nullptr) throw Failure(subject, "corrupt ZIP archive: " + cause);
+    return opened;
 }
+
+void ZipReader::checkConsistency() { zip_discard(open(ZIP_RDONLY | ZIP_CHECKCONS)); }
 
 void ZipReader::read(const ZipEntry& entry, const std::function<void(const char*, std::size_t)>& sink) {
     const auto corrupt = [&](const std::string& what) {

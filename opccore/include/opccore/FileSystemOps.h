@@ -2,6 +2,7 @@
 
 #include <opccore/Export.h>
 #include <opccore/FileLock.h>
+#include <opccore/RecoveryReport.h>
 
 #include <boost/system/error_code.hpp>
 
@@ -160,6 +161,13 @@ public:
     // to naming a file without its data.
     void replaceFile(const std::u16string& from, const std::u16string& to);
 
+    // Makes the package at packagePath whole again after a process died in
+    // the middle of a commit, and removes the hidden staging and moved-aside
+    // folders beside it whose process is gone. Never touches what a live
+    // process is still using. Safe to call at any time; a package that was
+    // left whole is not changed.
+    RecoveryReport recover(const std::u16string& packagePath);
+
 protected:
     FileSystemOps() = default;
 
@@ -187,6 +195,7 @@ protected:
                                                    std::optional<std::chrono::nanoseconds> timeout) = 0;
     virtual std::uint64_t fileSizeImpl(const std::u16string& path) = 0;
     virtual void replaceFileImpl(const std::u16string& from, const std::u16string& to) = 0;
+    virtual RecoveryReport recoverImpl(const std::u16string& packagePath) = 0;
 };
 
 }  // namespace opc

@@ -3,10 +3,15 @@
 #include <opccore/Export.h>
 #include <opccore/FileSystemOps.h>
 
+#include <memory>
 #include <string>
 #include <string_view>
 
 namespace opc {
+
+namespace detail {
+class StagingArea;
+}
 
 // FileSystemOps on the local disk (Linux).
 //
@@ -96,12 +101,46 @@ namespace opc {
 //   EISDIR, a FIFO, socket or device ENXIO, a missing file ENOENT. Throws
 //   "Cannot read the size of <path>".
 // - replaceFile: from is opened as createInputStream opens it and synced
-//   (fsync) before rename(2); a folder at to fails with EISDIR, a missing
-//   from with ENOENT. Throws "Cannot replace <to> by <from>".
+//   (fsync) before rename(2), and the folder of to after it; a folder at to
+//   fails with EISDIR, a missing from with ENOENT. A failed sync after the
+//   rename still fails the call. setDurable(false) drops both syncs. Throws
+//   "Cannot replace <to> by <from>".
+//
+// Commits. The service remembers the names getTempName() handed out:
+// - createFolders() at such a name makes a staging folder: private (0700)
+//   while it is filled, and locked (flock) for as long as this service keeps
+//   it, so that recover() in any process sees it is in use. Copies into it
+//   keep the source's mode and, where permitted, owner and group.
+// - rename(P, A) with A such a name moves the package P aside. Before it, a
+//   journal naming P and A is written beside P (".opc-<random>.journal") and
+//   locked until the swap ends: after the removal of A, or after A is renamed
+//   back to P. A removeAll() of P during the swap marks the journal as an undo.
+// - rename(S, P) with S a staging folder publishes S at P. It fails with the
+//   first write error any output stream into S met, at its last bytes
+//   included, so a lost write never reaches the package path. The new folder
+//   gets the permission bits, owner and group (where permitted) of the folder
+//   moved aside from P, a rewritten file those of the file it replaces; what
+//   is new gets what a new entry in P would get.
+// - Durable (the default): before the publishing rename everything in S is
+//   on stable storage (one syncfs of its file system rather than a sync per
+//   file: a device flush costs milliseconds, and a package holds thousands of
+//   files), and after it the parent folder is synced; the journal is synced
+//   before the package is moved aside. setDurable(false) drops every sync,
+//   keeping what survives a killed process but not a power cut.
+// - recover(): see FileSystemOps. A journal whose lock is free belongs to a
+//   dead process: with P missing and A present, A is renamed back to P; with
+//   both present, the swap is finished by removing A (or, after an undo
+//   mark, P is removed and A renamed back). Then ".opc-" folders beside P
+//   that are neither locked nor named by a journal are removed.
+// A forked child shares its parent's locks.
 class OPCCORE_EXPORT LocalFileSystemOps : public FileSystemOps {
 public:
     LocalFileSystemOps();
     ~LocalFileSystemOps() override;
+
+    // Whether commits sync to stable storage (see above). On by default.
+    void setDurable(bool durable);
+    bool isDurable() const;
 
     // NameCodec::encode and NameCodec::decode, kept for existing callers.
     static std::string toNativePath(std::u16string_view path);
@@ -132,6 +171,13 @@ protected:
                                            std::optional<std::chrono::nanoseconds> timeout) override;
     std::uint64_t fileSizeImpl(const std::u16string& path) override;
     void replaceFileImpl(const std::u16string& from, const std::u16string& to) override;
+    RecoveryReport recoverImpl(const std::u16string& packagePath) override;
+
+private:
+    boost::system::error_code createFoldersTracked(const std::u16string& path);
+    boost::system::error_code removeAllTracked(const std::u16string& path);
+
+    std::unique_ptr<detail::StagingArea> staging;
 };
 
 }  // namespace opc

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace opc::test {
+
+// One call of a file-system primitive, with the paths it named (a descriptor
+// is spelled as the path it is open on).
+struct SyscallEvent {
+    std::string call;
+    std::string path;
+    std::string second;  // rename's destination, else empty
+};
+
+// The test program that links this defines the C library's mkdir, rename,
+// renameat2, unlink, unlinkat, rmdir, remove, fsync, fdatasync, syncfs,
+// flock, fchmod, fchmodat, fchown, fchownat and copy_file_range, so it sees
+// every such call the libraries make, records it on request, and can stop
+// its own process at the n-th one: the places where a commit changes what is
+// on disk, one by one.
+class SyscallTrace {
+public:
+    static void startRecording();
+    static std::vector<SyscallEvent> stopRecording();
+    // From now on, the n-th call (from 1) raises SIGKILL before it is made;
+    // 0 disarms. calls() counts them.
+    static void killAt(std::size_t n);
+    static std::size_t calls();
+};
+
+}  // namespace opc::test
