@@ -177,13 +177,14 @@ check_symbols() {
         }'
 }
 
+# Every C++ source of the libraries and the tool, at any depth.
 run_clang_tidy() {
     local sources
-    sources="$(git -C "$root" ls-files 'opccore/src/*.cpp' 'opcfspackage/src/*.cpp' 2>/dev/null)"
-    [ -n "$sources" ] || sources="$(cd "$root" && ls opccore/src/*.cpp opcfspackage/src/*.cpp)"
+    sources="$(git -C "$root" ls-files 'opccore/*.cpp' 'opcfspackage/*.cpp' 'tools/*.cpp' 2>/dev/null)"
+    [ -n "$sources" ] || sources="$(cd "$root" && find opccore opcfspackage tools -name '*.cpp' | sort)"
     # shellcheck disable=SC2086
     (cd "$root" && clang-tidy -p "$build" --quiet $sources) || return 1
-    echo "$(echo "$sources" | wc -w) library sources pass"
+    echo "$(echo "$sources" | wc -w) sources of the libraries and the tool pass"
 }
 
 check_format() {
@@ -213,7 +214,7 @@ for lib in opccore opcfspackage; do
     check "exported symbols of lib$lib" check_symbols "$lib"
 done
 
-check "clang-tidy over the library sources" run_clang_tidy
+check "clang-tidy over the library and tool sources" run_clang_tidy
 if [ "$format" -eq 1 ]; then
     check "clang-format leaves every C++ file as it is" check_format
 fi
