@@ -215,7 +215,8 @@ TEST(UnpackPackCorpus, EveryPackageRoundTripsEntryForEntryAndPacksTheSameTwice) 
                                          std::filesystem::file_time_type::clock::now() + std::chrono::hours(24));
         ASSERT_EQ(runOpcdir(dir.path(), {"pack", "pkg", "second.zip"}).status, 0);
         EXPECT_EQ(readFile(dir.path() / "first.zip"), readFile(dir.path() / "second.zip"));
-        EXPECT_EQ(listFolder(dir.path()), (std::vector<std::string>{"first.zip", "pkg", "second.zip"}));
+        EXPECT_EQ(listFolder(dir.path()),
+                  (std::vector<std::string>{".opc-lock-pkg", "first.zip", "pkg", "second.zip"}));
 
         ZipEntries repacked = readZipEntries(dir.path() / "first.zip");
         ASSERT_FALSE(repacked.empty());
@@ -242,7 +243,7 @@ TEST_F(UnpackOntoPackage, ForceReplacesTheWholeTarget) {
     const RunResult result = runOpcdir(dir.path(), {"unpack", "--force", "new.zip", "pkg"});
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(snapshotTree(dir.path() / "pkg"), (TreeSnapshot{{"[Content_Types].xml", kTypes}, {"new.xml", "<new/>"}}));
-    EXPECT_EQ(listFolder(dir.path()), (std::vector<std::string>{"new.zip", "pkg"}));
+    EXPECT_EQ(listFolder(dir.path()), (std::vector<std::string>{".opc-lock-pkg", "new.zip", "pkg"}));
 }
 
 TEST_F(UnpackOntoPackage, BadArchivesAreRefusedBeforeTheTargetIsTouched) {
@@ -301,13 +302,13 @@ TEST_F(UnpackOntoPackage, CorruptDataFoundAfterEarlierEntriesAreWrittenLeavesThe
     damaged[at] = static_cast<char>(damaged[at] ^ 0x55);
     damaged[at + 1] = static_cast<char>(damaged[at + 1] ^ 0x55);
     writeFile(dir.path() / "bad.zip", damaged);
-    const TreeSnapshot before = snapshotTree(dir.path());
+    const TreeSnapshot before = withoutLockFiles(snapshotTree(dir.path()));
     const RunResult result = runOpcdir(dir.path(), {"unpack", "--force", "bad.zip", "pkg"});
     EXPECT_EQ(result.status, 1);
     // The damaged stream inflates past the size the entry declares.
     EXPECT_EQ(result.err,
               "opcdir: bad.zip: entry 'word/document.xml' inflates to more than the 1820 bytes it declares\n");
-    EXPECT_EQ(snapshotTree(dir.path()), before);
+    EXPECT_EQ(withoutLockFiles(snapshotTree(dir.path())), before);
 }
 
 // Fails each file-system call of each command in turn: a failed run must say
@@ -324,7 +325,7 @@ TEST(CommandUnderFaults, EveryFailingCallLeavesTheOldTreeOrGivesTheNew) {
         writeFile(dir.path() / "out.docx", "the previous archive");
         writeFile(dir.path() / "new.zip",
                   rawZip({{"[Content_Types].xml", kTypes}, {"word/document.xml", "<new/>"}, {"media/a.bin", "abc"}}));
-        return snapshotTree(dir.path());
+        return withoutLockFiles(snapshotTree(dir.path()));
     };
     const TreeSnapshot before = restore();
     const auto at = [&](const std::string& relative) { return (dir.path() / relative).string(); };
@@ -340,7 +341,7 @@ TEST(CommandUnderFaults, EveryFailingCallLeavesTheOldTreeOrGivesTheNew) {
         restore();
         FaultyFileSystemOps counting;
         ASSERT_EQ(runOpcdirWith(counting, arguments).status, 0);
-        const TreeSnapshot after = snapshotTree(dir.path());
+        const TreeSnapshot after = withoutLockFiles(snapshotTree(dir.path()));
         ASSERT_NE(after, before);
         const std::size_t calls = counting.calls().size();
         std::size_t failed = 0;
@@ -351,7 +352,7 @@ TEST(CommandUnderFaults, EveryFailingCallLeavesTheOldTreeOrGivesTheNew) {
             faulty.failGlobalCall(call);
             const RunResult result = runOpcdirWith(faulty, arguments);
             if (result.status == 0) {
-                EXPECT_EQ(snapshotTree(dir.path()), after);
+                EXPECT_EQ(withoutLockFiles(snapshotTree(dir.path())), after);
                 continue;
             }
             ++failed;
@@ -360,7 +361,7 @@ TEST(CommandUnderFaults, EveryFailingCallLeavesTheOldTreeOrGivesTheNew) {
                 return result.err.rfind("opcdir: " + a + ": ", 0) == 0;
             })) << result.err;
             EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << result.err;
-            EXPECT_EQ(snapshotTree(dir.path()), before);
+            EXPECT_EQ(withoutLockFiles(snapshotTree(dir.path())), before);
         }
         EXPECT_GT(failed, calls / 2);
     }
