@@ -8,8 +8,9 @@
 #   - that every public header compiles on its own, with g++ and clang++;
 #   - the exported symbols of both libraries: only the classes declared with
 #     the export macro, never a test-only or unnamed-namespace symbol;
-#   - that the library sources pass clang-tidy (.clang-tidy), and with
-#     --format that every C++ file is as clang-format (.clang-format) lays it out.
+#   - that the sources of the libraries and the tool pass clang-tidy
+#     (.clang-tidy), and with --format that every C++ file is as clang-format
+#     (.clang-format) lays it out.
 #
 #   scripts/check-package.sh [--keep] [--format]
 #     --keep    leave the work folder (its path is printed)
@@ -47,7 +48,8 @@ cache_value() { sed -n "s/^$1:[A-Z]*=//p" "$build/CMakeCache.txt"; }
 
 configure_and_build() {
     cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX="$prefix" \
-        -DOPC_BUILD_TESTS=OFF -DOPC_BUILD_BENCHMARKS=OFF -DOPC_BUILD_TOOLS=ON -DOPC_INSTALL=ON \
+        -DOPC_BUILD_TESTS=OFF -DOPC_BUILD_BENCHMARKS=OFF -DOPC_BUILD_EXAMPLES=OFF -DOPC_BUILD_TOOLS=ON \
+        -DOPC_INSTALL=ON -DOPC_WARNINGS_AS_ERRORS=ON \
         -DCMAKE_EXPORT_COMPILE_COMMANDS=ON &&
         cmake --build "$build" -j"$jobs"
 }
@@ -72,7 +74,7 @@ check_installed_files() {
         for file in opcfspackageConfig opcfspackageConfigVersion opcfspackageTargets opcfspackageTargets-relwithdebinfo; do
             echo "$libdir/cmake/opcfspackage/$file.cmake"
         done
-        [ -f "$root/tools/CMakeLists.txt" ] && echo "$bindir/opcdir"
+        echo "$bindir/opcdir"
     } | sort >"$expected"
     actual="$work/actual-files"
     (cd "$prefix" && find . -type f -o -type l) | sed 's|^\./||' | sort >"$actual"
@@ -175,13 +177,14 @@ check_symbols() {
         }'
 }
 
+# Every C++ source of the libraries and the tool, at any depth.
 run_clang_tidy() {
     local sources
-    sources="$(git -C "$root" ls-files 'opccore/src/*.cpp' 'opcfspackage/src/*.cpp' 2>/dev/null)"
-    [ -n "$sources" ] || sources="$(cd "$root" && ls opccore/src/*.cpp opcfspackage/src/*.cpp)"
+    sources="$(git -C "$root" ls-files 'opccore/*.cpp' 'opcfspackage/*.cpp' 'tools/*.cpp' 2>/dev/null)"
+    [ -n "$sources" ] || sources="$(cd "$root" && find opccore opcfspackage tools -name '*.cpp' | sort)"
     # shellcheck disable=SC2086
     (cd "$root" && clang-tidy -p "$build" --quiet $sources) || return 1
-    echo "$(echo "$sources" | wc -w) library sources pass"
+    echo "$(echo "$sources" | wc -w) sources of the libraries and the tool pass"
 }
 
 check_format() {
@@ -211,7 +214,7 @@ for lib in opccore opcfspackage; do
     check "exported symbols of lib$lib" check_symbols "$lib"
 done
 
-check "clang-tidy over the library sources" run_clang_tidy
+check "clang-tidy over the library and tool sources" run_clang_tidy
 if [ "$format" -eq 1 ]; then
     check "clang-format leaves every C++ file as it is" check_format
 fi

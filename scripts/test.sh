@@ -20,6 +20,7 @@ else
     flags=(-DCMAKE_BUILD_TYPE=RelWithDebInfo)
 fi
 
-cmake -S . -B "$build" "${flags[@]}" >/dev/null
+# Warnings are errors here whatever an earlier configure left in the cache.
+cmake -S . -B "$build" "${flags[@]}" -DOPC_WARNINGS_AS_ERRORS=ON >/dev/null
 cmake --build "$build" -j"$(nproc)"
 ctest --test-dir "$build" --output-on-failure -j"$(nproc)"

@@ -52,7 +52,8 @@ expect_configure_failure() {
 # A subproject with default options: its cache shows every option off.
 expect_options_off() {
     local cache="$1/CMakeCache.txt" option
-    for option in OPC_BUILD_TESTS OPC_BUILD_TOOLS OPC_BUILD_BENCHMARKS OPC_INSTALL OPC_WARNINGS_AS_ERRORS; do
+    for option in OPC_BUILD_TESTS OPC_BUILD_TOOLS OPC_BUILD_EXAMPLES OPC_BUILD_BENCHMARKS OPC_INSTALL \
+        OPC_WARNINGS_AS_ERRORS; do
         grep -qx "$option:BOOL=OFF" "$cache" || { echo "$option is not off in $cache"; return 1; }
     done
 }
@@ -72,9 +73,12 @@ check "add_subdirectory: configure and build" \
            && cmake --build '$as' -j$jobs"
 check "add_subdirectory: options default off, only the libraries are defined" expect_options_off "$as"
 check "add_subdirectory: consumer writes and commits a package" run_consumer "$as/consumer"
-check "add_subdirectory: tests and tools come in when asked" \
+check "add_subdirectory: tests, tools and examples come in when asked" \
     cmake -S "$here/add_subdirectory" -B "$work/add_subdirectory_all" -DOPC_SOURCE_DIR="$source_dir" \
-    -DOPC_BUILD_TESTS=ON -DOPC_BUILD_TOOLS=ON
+    -DOPC_BUILD_TESTS=ON -DOPC_BUILD_TOOLS=ON -DOPC_BUILD_EXAMPLES=ON
+check "add_subdirectory: the tools alone bring no examples" \
+    cmake -S "$here/add_subdirectory" -B "$work/add_subdirectory_tools" -DOPC_SOURCE_DIR="$source_dir" \
+    -DOPC_BUILD_TOOLS=ON
 
 pc="$work/pkg-config"
 mkdir -p "$pc"

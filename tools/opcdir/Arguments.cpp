@@ -12,13 +12,19 @@ std::string seeHelp(const std::string& command) {
     return " (see 'opcdir " + (command.empty() ? std::string() : command + " ") + "--help')";
 }
 
+// Every command that uses a package takes its turn on it, for as long as
+// --wait allows.
+const Option kWait{"--wait", "", true};
+
 // Applies the option at arguments[index]; returns false when it is none of
 // the command's options.
 bool takeOption(const Command& info, const std::vector<std::string>& arguments, std::size_t& index, Arguments& parsed) {
     const std::string& argument = arguments[index];
     const std::size_t equals = argument.find('=');
     const std::string name = argument.substr(0, equals);
-    for (const Option& option : info.options) {
+    std::vector<Option> options = info.options;
+    if (info.package.access != Access::None) options.push_back(kWait);
+    for (const Option& option : options) {
         if (name != option.name && name != option.shortName) continue;
         if (!option.takesValue) {
             if (equals != std::string::npos)
@@ -99,7 +105,9 @@ std::string helpText(const std::string& command) {
         text += std::string("  ") + info.synopsis + "\n      " + info.summary + "\n";
     }
     text +=
-        "\n'opcdir COMMAND --help' tells more about one command.\n"
+        "\nA command waits while another process (another opcdir, say) uses its package;\n"
+        "--wait SECONDS, with any command, bounds the wait.\n"
+        "'opcdir COMMAND --help' tells more about one command.\n"
         "Exit status: 0 success, 1 failure, 2 wrong usage.\n";
     return text;
 }

@@ -2,6 +2,7 @@
 
 #include "Arguments.h"
 #include "Errors.h"
+#include "PackageLocking.h"
 #include "Session.h"
 
 #include <opccore/Exception.h>
@@ -19,7 +20,9 @@ int run(const std::vector<std::string>& arguments, Io& io, opc::FileSystemOps& f
             io.out << "opcdir " OPCDIR_VERSION "\n";
             return 0;
         }
-        findCommand(args.command)->handler(args, io, fileSystem);
+        const Command& command = *findCommand(args.command);
+        const auto lock = lockPackage(command, args, io, fileSystem);
+        command.handler(args, io, fileSystem);
         return 0;
     } catch (const UsageError& e) {
         io.err << "opcdir: " << e.what() << "\n";

@@ -35,6 +35,20 @@ struct Option {
 
 inline constexpr std::size_t kUnbounded = std::numeric_limits<std::size_t>::max();
 
+// What a command does to the package one of its operands names. The
+// dispatcher holds that package's lock for the whole command accordingly.
+enum class Access {
+    None,    // no package: no lock
+    Read,    // shared with other readers
+    Write,   // alone; the package must exist
+    Create,  // alone, once the folder that is to hold the package exists
+};
+
+struct PackageUse {
+    Access access;
+    std::size_t operand;  // which operand names the package
+};
+
 // One command of the tool: the parser reads its options and operand counts,
 // --help its texts, the dispatcher its handler.
 struct Command {
@@ -45,6 +59,7 @@ struct Command {
     std::vector<Option> options;
     std::size_t minOperands;
     std::size_t maxOperands;
+    PackageUse package;
     Handler handler;
 };
 
