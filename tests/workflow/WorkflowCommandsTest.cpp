@@ -1,4 +1,4 @@
-#include "WorkflowCommands.h"
+#include "Commands.h"
 
 #include "support/TempDir.h"
 #include "support/ZipFixture.h"
@@ -10,8 +10,8 @@
 #include <zip.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -36,30 +36,24 @@ std::ostream& operator<<(std::ostream& stream, const Result& result) {
     return stream << "status " << result.status << "\nout:\n" << result.out << "err:\n" << result.err;
 }
 
-Result run(const std::function<int(Io&, opc::FileSystemOps&)>& command) {
+Result run(const std::vector<std::string>& arguments) {
     opc::LocalFileSystemOps fileSystem;
     std::istringstream in;
     std::ostringstream out;
     std::ostringstream err;
     Io io{in, out, err, false};
-    const int status = command(io, fileSystem);
+    const int status = opcdir::run(arguments, io, fileSystem);
     return {status, out.str(), err.str()};
 }
 
 Result diff(const fs::path& from, const fs::path& to, bool text = false) {
-    return run([&](Io& io, opc::FileSystemOps& fileSystem) {
-        return diffCommand(from.string(), to.string(), text, io, fileSystem);
-    });
+    if (text) return run({"diff", "--text", from.string(), to.string()});
+    return run({"diff", from.string(), to.string()});
 }
 
-Result check(const fs::path& package) {
-    return run([&](Io& io, opc::FileSystemOps& fileSystem) { return checkCommand(package.string(), io, fileSystem); });
-}
+Result check(const fs::path& package) { return run({"check", package.string()}); }
 
-Result textconv(const fs::path& package) {
-    return run(
-        [&](Io& io, opc::FileSystemOps& fileSystem) { return textconvCommand(package.string(), io, fileSystem); });
-}
+Result textconv(const fs::path& package) { return run({"textconv", package.string()}); }
 
 // Entries in the order given, each stored, as a ZIP package file.
 void writeZip(const fs::path& path, const ZipEntries& entries) {
@@ -219,6 +213,50 @@ TEST(Textconv, EachPartUnderItsNameXmlPrettyOthersAsSizeAndDigest) {
                       "== /z.xml: malformed XML: Start-end tags mismatch at byte 2; 3 bytes, SHA-256 "
                       "5317e054d6fa2186f5c1c016d94a95c1bce4b30346c11097d6c77797d6adf71e\n",
                       ""}));
+}
+
+}  // namespace
+}  // namespace opcdir
+
+namespace opcdir {
+namespace {
+
+std::string shellQuoted(const std::string& word) {
+    std::string out = "'";
+    for (const char c : word) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return out + "'";
+}
+
+// git runs the built tool as the textconv driver the README tells users to
+// configure.
+TEST(Textconv, GitDiffShowsWhatChangedInsideADocx) {
+    if (std::system("git --version >/dev/null 2>&1") != 0) GTEST_SKIP() << "git is not installed";
+    TempDir dir;
+    const fs::path repo = dir.path() / "repo";
+    fs::create_directories(repo);
+    opc::test::writeFile(repo / ".gitattributes", "*.docx diff=opc\n");
+    fs::copy_file(kSmallDocx, repo / "report.docx");
+    const std::string git = "cd " + shellQuoted(repo.string()) + " && HOME=" + shellQuoted(dir.path().string()) +
+                            " GIT_CONFIG_NOSYSTEM=1 git ";
+    const std::string setUp = git + "init -q && " + git + "config user.name t && " + git + "config user.email t@t && " +
+                              git + "config diff.opc.textconv " + shellQuoted(shellQuoted(OPCDIR_PATH) + " textconv") +
+                              " && " + git + "add . && " + git + "commit -q -m one";
+    ASSERT_EQ(std::system(setUp.c_str()), 0);
+
+    ZipEntries entries = opc::test::readZipEntries(kSmallDocx);
+    std::string& document = entry(entries, "word/document.xml");
+    document.replace(document.find("Hello"), 5, "Goodbye");
+    writeZip(repo / "report.docx", entries);
+    ASSERT_EQ(std::system((git + "diff --no-color > ../diff.txt").c_str()), 0);
+    std::string output = opc::test::readFile(dir.path() / "diff.txt");
+    // The index line names blobs that hold the archive's timestamps.
+    const std::size_t index = output.find("index ");
+    ASSERT_NE(index, std::string::npos) << output;
+    output.erase(index, output.find('\n', index) + 1 - index);
+    EXPECT_EQ(output,
+              "diff --git a/report.docx b/report.docx\n--- a/report.docx\n+++ b/report.docx\n"
+              "@@ -24,7 +24,7 @@\n   <w:body>\n     <w:p>\n       <w:r>\n-        <w:t>Hello Open XML !</w:t>\n"
+              "+        <w:t>Goodbye Open XML !</w:t>\n       </w:r>\n     </w:p>\n   </w:body>\n");
 }
 
 }  // namespace

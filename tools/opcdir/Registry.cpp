@@ -3,6 +3,7 @@
 #include "ArchiveCommands.h"
 #include "PartCommands.h"
 #include "RecoveryCommands.h"
+#include "WorkflowCommands.h"
 
 namespace opcdir {
 
@@ -92,6 +93,50 @@ const std::vector<Command>& commands() {
          1,
          {Access::Write, 0},
          &recoverCommand},
+        {"diff",
+         "diff [--text] PKG|FILE PKG|FILE",
+         "list the parts that differ between two packages, folders or ZIP files",
+         "  One line per part, \"added /x\", \"removed /x\" or \"changed /x\". Relationship\n"
+         "  and content-types parts compare with their entries sorted, so that\n"
+         "  reordering them is no change. Exit status 0 when the packages hold the\n"
+         "  same parts with the same content, 1 when not, 2 on failure.\n"
+         "  -t, --text   follow each changed XML part with a unified diff of both\n"
+         "               sides pretty-printed\n",
+         {{"--text", "-t", false}},
+         2,
+         2,
+         {Access::None, 0},  // reads folders and files alike, taking no lock
+         nullptr,
+         &diffCommand,
+         2},
+        {"check",
+         "check PKG|FILE",
+         "list what would make a package unreadable, one problem a line",
+         "  Parts without a content type, Overrides for missing parts, relationships\n"
+         "  to missing parts, part names that break the part-name grammar or equal\n"
+         "  another without regard to case, links or FIFOs among the parts, and\n"
+         "  malformed XML where it must be read. Exit status 0 when there is none,\n"
+         "  1 when there are, 2 on failure.\n",
+         {},
+         1,
+         1,
+         {Access::None, 0},
+         nullptr,
+         &checkCommand,
+         2},
+        {"textconv",
+         "textconv PKG|FILE",
+         "print a package as text for git diff",
+         "  Each part under a line \"== <name> (<content type>)\": XML parts\n"
+         "  pretty-printed, relationship and content-types parts with their entries\n"
+         "  sorted, other parts as their size and SHA-256. For git:\n"
+         "    echo '*.docx diff=opc' >> .gitattributes\n"
+         "    git config diff.opc.textconv \"opcdir textconv\"\n",
+         {},
+         1,
+         1,
+         {Access::None, 0},
+         &textconvCommand},
     };
     return table;
 }

@@ -27,20 +27,6 @@ std::string shown(const std::string& name) {
     return quoted.substr(1, quoted.size() - 2);
 }
 
-template <class Work>
-int reporting(Io& io, int failureStatus, Work&& work) {
-    try {
-        return work();
-    } catch (const Failure& e) {
-        io.out.flush();
-        io.err << "opcdir: " << e.subject() << ": " << e.what() << "\n";
-    } catch (const std::exception& e) {
-        io.out.flush();
-        io.err << "opcdir: " << e.what() << "\n";
-    }
-    return failureStatus;
-}
-
 std::string digestOf(PartText& text, const std::string& name) { return text.digestLine(name); }
 
 // Whether the part differs, and the texts of both sides when they were read
@@ -178,70 +164,62 @@ Problems findProblems(PackageView& view) {
 
 }  // namespace
 
-int diffCommand(const std::string& from, const std::string& to, bool text, Io& io, opc::FileSystemOps& fileSystem) {
-    return reporting(io, 2, [&] {
-        const std::unique_ptr<PackageView> fromView = PackageView::open(fileSystem, from);
-        const std::unique_ptr<PackageView> toView = PackageView::open(fileSystem, to);
-        PartText fromText(*fromView);
-        PartText toText(*toView);
-        std::set<std::string> names(fromView->partNames().begin(), fromView->partNames().end());
-        const std::set<std::string> toNames(toView->partNames().begin(), toView->partNames().end());
-        names.insert(toNames.begin(), toNames.end());
-        const std::set<std::string> fromNames(fromView->partNames().begin(), fromView->partNames().end());
+int diffCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
+    const std::unique_ptr<PackageView> fromView = PackageView::open(fileSystem, args.operands[0]);
+    const std::unique_ptr<PackageView> toView = PackageView::open(fileSystem, args.operands[1]);
+    PartText fromText(*fromView);
+    PartText toText(*toView);
+    const std::set<std::string> fromNames(fromView->partNames().begin(), fromView->partNames().end());
+    const std::set<std::string> toNames(toView->partNames().begin(), toView->partNames().end());
+    std::set<std::string> names = fromNames;
+    names.insert(toNames.begin(), toNames.end());
 
-        bool differ = false;
-        for (const std::string& name : names) {
-            if (toNames.count(name) == 0 || fromNames.count(name) == 0) {
-                io.out << (toNames.count(name) == 0 ? "removed " : "added ") << shown(name) << "\n";
-                differ = true;
-                continue;
-            }
-            Comparison comparison = compare(fromText, toText, name);
-            if (!comparison.changed) continue;
+    bool differ = false;
+    for (const std::string& name : names) {
+        if (toNames.count(name) == 0 || fromNames.count(name) == 0) {
+            io.out << (toNames.count(name) == 0 ? "removed " : "added ") << shown(name) << "\n";
             differ = true;
-            io.out << "changed " << shown(name) << "\n";
-            if (!text || !(fromText.isXml(name) || toText.isXml(name))) continue;
-            if (!comparison.texts)
-                comparison.texts = std::make_pair(textOrError(fromText, name), textOrError(toText, name));
-            io.out << unifiedDiff(comparison.texts->first, comparison.texts->second, "a" + shown(name),
-                                  "b" + shown(name));
+            continue;
         }
-        io.out.flush();
-        return differ ? 1 : 0;
-    });
+        Comparison comparison = compare(fromText, toText, name);
+        if (!comparison.changed) continue;
+        differ = true;
+        io.out << "changed " << shown(name) << "\n";
+        if (!args.has("--text") || !(fromText.isXml(name) || toText.isXml(name))) continue;
+        if (!comparison.texts)
+            comparison.texts = std::make_pair(textOrError(fromText, name), textOrError(toText, name));
+        io.out << unifiedDiff(comparison.texts->first, comparison.texts->second, "a" + shown(name), "b" + shown(name));
+    }
+    io.out.flush();
+    return differ ? 1 : 0;
 }
 
-int checkCommand(const std::string& package, Io& io, opc::FileSystemOps& fileSystem) {
-    return reporting(io, 2, [&] {
-        const std::unique_ptr<PackageView> view = PackageView::open(fileSystem, package);
-        const Problems problems = findProblems(*view);
-        for (const auto& [name, problem] : problems) io.out << shown(name) << ": " << problem << "\n";
-        io.out.flush();
-        return problems.empty() ? 0 : 1;
-    });
+int checkCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
+    const std::unique_ptr<PackageView> view = PackageView::open(fileSystem, args.operands[0]);
+    const Problems problems = findProblems(*view);
+    for (const auto& [name, problem] : problems) io.out << shown(name) << ": " << problem << "\n";
+    io.out.flush();
+    return problems.empty() ? 0 : 1;
 }
 
-int textconvCommand(const std::string& package, Io& io, opc::FileSystemOps& fileSystem) {
-    return reporting(io, 1, [&] {
-        const std::unique_ptr<PackageView> view = PackageView::open(fileSystem, package);
-        PartText text(*view);
-        for (const std::string& name : view->partNames()) {
-            const std::string type = text.contentType(name);
-            io.out << "== " << shown(name) << (type.empty() ? "" : " (" + shown(type) + ")");
-            if (!text.isXml(name)) {
-                io.out << ": " << text.digestLine(name) << "\n";
-                continue;
-            }
-            try {
-                const std::string xml = text.xmlText(name);
-                io.out << "\n" << xml;
-            } catch (const XmlError& e) {
-                io.out << ": " << e.what() << "; " << text.digestLine(name) << "\n";
-            }
+void textconvCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
+    const std::unique_ptr<PackageView> view = PackageView::open(fileSystem, args.operands[0]);
+    PartText text(*view);
+    for (const std::string& name : view->partNames()) {
+        const std::string type = text.contentType(name);
+        io.out << "== " << shown(name) << (type.empty() ? "" : " (" + shown(type) + ")");
+        if (!text.isXml(name)) {
+            io.out << ": " << text.digestLine(name) << "\n";
+            continue;
         }
-        io.out.flush();
-        return 0;
-    });
+        try {
+            const std::string xml = text.xmlText(name);
+            io.out << "\n" << xml;
+        } catch (const XmlError& e) {
+            io.out << ": " << e.what() << "; " << text.digestLine(name) << "\n";
+        }
+    }
+    io.out.flush();
 }
 
 }  // namespace opcdir
