@@ -71,12 +71,15 @@ const std::vector<Command>& commands() {
          {Access::Create, 1},
          &unpackCommand},
         {"pack",
-         "pack PKG FILE",
+         "pack [--level N] [--jobs N] PKG FILE",
          "turn a folder package into a ZIP-based package file",
-         "  [Content_Types].xml comes first, then the parts in name order, deflated,\n"
-         "  with fixed timestamps: packing the same folder twice gives the same bytes.\n"
-         "  FILE appears only when it is complete.\n",
-         {},
+         "  [Content_Types].xml comes first, then the parts in name order, with fixed\n"
+         "  timestamps: packing the same folder twice gives the same bytes, whatever\n"
+         "  the number of jobs. FILE appears only when it is complete.\n"
+         "      --level N   0 stores, 1 (fastest) to 9 (smallest) deflate; default 6.\n"
+         "                  An entry that deflating does not shrink is stored.\n"
+         "      --jobs N    threads that deflate; default: one per processor\n",
+         {{"--level", "", true}, {"--jobs", "", true}},
          2,
          2,
          {Access::Read, 0},
