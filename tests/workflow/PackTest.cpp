@@ -68,7 +68,8 @@ TEST(Pack, SameBytesWhateverTheJobsAndReadBackByUnpackAndRealClients) {
         const fs::path folder = dir.path() / "folder";
         // openpyxl goes by the file name's extension.
         const std::string extension = fs::path(client.file).extension().string();
-        ASSERT_EQ(run({"unpack", (opc::test::testDataDir() / "corpus" / client.file).string(), folder.string()}).first, 0);
+        ASSERT_EQ(run({"unpack", (opc::test::testDataDir() / "corpus" / client.file).string(), folder.string()}).first,
+                  0);
         for (const std::string level : {"0", "1", "6", "9"}) {
             std::string first;
             for (const std::string jobs : {"1", "2", "5"}) {
@@ -87,7 +88,8 @@ TEST(Pack, SameBytesWhateverTheJobsAndReadBackByUnpackAndRealClients) {
                 EXPECT_NE(readsWithPython(client.module, client.call, packed), 0) << client.file << " level " << level;
         }
         // Level 0 stores all; at 6 every XML part shrinks, and PNG images do not.
-        for (const std::string& entry : methods(dir.path() / ("l0j1" + extension))) EXPECT_EQ(entry.rfind("stored ", 0), 0u);
+        for (const std::string& entry : methods(dir.path() / ("l0j1" + extension)))
+            EXPECT_EQ(entry.rfind("stored ", 0), 0u);
         for (const std::string& entry : methods(dir.path() / ("l6j1" + extension))) {
             const bool xml = entry.size() > 4 && (entry.compare(entry.size() - 4, 4, ".xml") == 0 ||
                                                   entry.compare(entry.size() - 5, 5, ".rels") == 0);

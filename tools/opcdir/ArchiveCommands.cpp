@@ -161,8 +161,8 @@ constexpr std::uint64_t kPipelineBytes = std::uint64_t{128} << 20;
 
 std::uint64_t defaultJobs() { return std::max(1u, std::thread::hardware_concurrency()); }
 
-std::uint64_t countOption(const Arguments& args, const std::string& option, std::uint64_t fallback,
-                          std::uint64_t least, std::uint64_t most) {
+std::uint64_t countOption(
+    const Arguments& args, const std::string& option, std::uint64_t fallback, std::uint64_t least, std::uint64_t most) {
     const auto found = args.values.find(option);
     if (found == args.values.end()) return fallback;
     const std::string& text = found->second;
@@ -317,8 +317,7 @@ void packCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) 
                 if (!entry.data.empty() || entry.size == 0) return entry;
                 // Not kept in memory: read again, and deflated again to the
                 // same bytes when it was deflated.
-                CompressedEntry again =
-                    compressEntry(readPart(session, listed[i]), entry.deflated ? level : 0);
+                CompressedEntry again = compressEntry(readPart(session, listed[i]), entry.deflated ? level : 0);
                 if (again.size != entry.size || again.crc != entry.crc || again.deflated != entry.deflated)
                     throw Failure(archiveName, "part " + quoteName(listed[i].name) + " changed while it was packed");
                 return again;
