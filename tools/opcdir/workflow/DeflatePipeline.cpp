@@ -209,7 +209,8 @@ zip_source* compressedSource(zip* archive, std::function<CompressedEntry()> prod
         zip_error_fini(&state->error);
         return nullptr;
     }
-    state.release();
+    // The source owns the state now: ZIP_SOURCE_FREE deletes it.
+    static_cast<void>(state.release());
     return source;
 }
 

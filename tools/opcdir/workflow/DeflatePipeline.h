@@ -31,18 +31,18 @@ struct CompressedEntry {
 CompressedEntry compressEntry(std::string bytes, int level);
 
 // Entries compressed on worker threads, ahead of the one consumer that takes
-// them in order. The entries' bytes are loaded one at a time (load is never
-// called by two threads at once, so it may use a package that admits one
-// thread only); what is loaded and not yet taken stays within budget bytes,
-// except that one entry larger than the budget is still loaded alone.
+// them in order. The entries' bytes are loaded one at a time (the loader is
+// never called by two threads at once, so it may use a package that admits
+// one thread only); what is loaded and not yet taken stays within `bytes`,
+// except that one entry larger than that is still loaded alone.
 class DeflatePipeline {
 public:
-    // sizes[i] is the size of entry i, as load(i) will return it.
-    DeflatePipeline(std::vector<std::uint64_t> sizes,
-                    std::function<std::string(std::size_t)> load,
-                    int level,
+    // entrySizes[i] is the size of entry i, as loader(i) will return it.
+    DeflatePipeline(std::vector<std::uint64_t> entrySizes,
+                    std::function<std::string(std::size_t)> loader,
+                    int deflateLevel,
                     unsigned jobs,
-                    std::uint64_t budget);
+                    std::uint64_t bytes);
     // Stops the workers; entries not taken are dropped.
     ~DeflatePipeline();
     DeflatePipeline(const DeflatePipeline&) = delete;
