@@ -66,10 +66,12 @@ struct Sizes {
     std::size_t createParts;
     int repetitions;
     std::size_t lockPairs;
+    std::size_t documentXmlParts;  // pack and unpack
+    std::size_t documentImages;
 };
 
-constexpr Sizes kFull{20000, 100000, 512 * kMiB, 512 * kMiB, 2000, 1024 * kMiB, 10000, 5, 20000};
-constexpr Sizes kQuick{2000, 5000, 16 * kMiB, 16 * kMiB, 200, 32 * kMiB, 1000, 3, 2000};
+constexpr Sizes kFull{20000, 100000, 512 * kMiB, 512 * kMiB, 2000, 1024 * kMiB, 10000, 5, 20000, 2000, 50};
+constexpr Sizes kQuick{2000, 5000, 16 * kMiB, 16 * kMiB, 200, 32 * kMiB, 1000, 3, 2000, 100, 2};
 
 // ---- Small helpers -------------------------------------------------------------
 
@@ -224,7 +226,11 @@ Sample runInChild(const std::function<void()>& work) {
             work();
             Sample sample;
             sample.seconds = seconds(Clock::now() - start);
-            sample.peakKiB = statusKiB("VmHWM");
+            // A workload that runs a program (pack, unpack) reports that
+            // program's peak, which getrusage keeps for waited-for children.
+            rusage children{};
+            ::getrusage(RUSAGE_CHILDREN, &children);
+            sample.peakKiB = std::max(statusKiB("VmHWM"), children.ru_maxrss);
             writeWhole(channel[1], reinterpret_cast<const char*>(&sample), sizeof sample);
             status = 0;
         } catch (const std::exception& e) {
@@ -576,6 +582,118 @@ Workload createWorkload(const fs::path& root, std::size_t parts, bool durable) {
     return w;
 }
 
+// ---- pack and unpack against zip and unzip ---------------------------------------
+
+// Lines printed under the table: what a row's times alone do not tell.
+std::vector<std::string>& notes() {
+    static std::vector<std::string> lines;
+    return lines;
+}
+
+// Built only with the tool.
+#ifdef OPCDIR_PATH
+
+// A document-like package: XML parts that deflate well, each different, and
+// incompressible images.
+void makeDocumentPackage(const fs::path& package, std::size_t xmlParts, std::size_t images) {
+    static const char* const kWords[] = {"report", "quarter", "revenue", "figure", "table", "summary",
+                                         "growth", "market",  "region",  "total",  "note",  "draft"};
+    writeContentTypes(package);
+    std::uint32_t state = 12345;
+    for (std::size_t i = 0; i < xmlParts; ++i) {
+        std::string xml = "<?xml version=\"1.0\" encoding=\"UTF-8\"?><w:document><w:body>";
+        while (xml.size() < 40 * kKiB) {
+            xml += "<w:p><w:r><w:rPr><w:b/></w:rPr><w:t>";
+            for (int word = 0; word < 12; ++word) {
+                state = state * 1664525u + 1013904223u;
+                xml += std::string(kWords[(state >> 16) % 12]) + " " + std::to_string((state >> 8) % 1000) + " ";
+            }
+            xml += "</w:t></w:r></w:p>";
+        }
+        xml += "</w:body></w:document>";
+        const fs::path path = package / smallPartPath(i);
+        if (i % 50 == 0) fs::create_directories(path.parent_path());
+        writeFile(path, std::vector<char>(xml.begin(), xml.end()), xml.size());
+    }
+    fs::create_directories(package / "word" / "media");
+    for (std::size_t i = 0; i < images; ++i) {
+        writeFile(package / "word" / "media" / ("image" + std::to_string(i) + ".png"),
+                  pattern(2 * kMiB, static_cast<unsigned>(100 + i)), 2 * kMiB);
+    }
+}
+
+std::string packageSize(std::size_t xmlParts, std::size_t images) {
+    return std::to_string(xmlParts) + " XML parts, " + std::to_string(images) + " images of 2 MiB";
+}
+
+// opcdir pack at its defaults against zip -q -r -X of the same folder; the
+// archive sizes go to the notes.
+Workload packWorkload(const fs::path& root, std::size_t xmlParts, std::size_t images) {
+    const fs::path package = root / "pack";
+    const fs::path ours = root / "pack-opcdir.docx";
+    const fs::path theirs = root / "pack-zip.docx";
+    makeDocumentPackage(package, xmlParts, images);
+    Workload w;
+    w.name = "pack";
+    w.size = packageSize(xmlParts, images);
+    w.target = 0.6;
+    w.writes = true;
+    w.data = {package, ours, theirs};
+    w.library = [package, ours](int) { runCommand({OPCDIR_PATH, "pack", package.string(), ours.string()}, false); };
+    w.afterLibrary = [ours](int) {
+        require(fs::file_size(ours) > 0, "opcdir pack wrote nothing");
+        fs::remove(ours);
+    };
+    w.baseline = [package, theirs] {
+        return runCommand({"sh", "-c", "cd \"$0\" && zip -q -r -X \"$1\" .", package.string(), theirs.string()}, false);
+    };
+    w.afterBaseline = [package, ours, theirs] {
+        runCommand({OPCDIR_PATH, "pack", package.string(), ours.string()}, false);
+        const double ratio = static_cast<double>(fs::file_size(ours)) / static_cast<double>(fs::file_size(theirs));
+        char line[200];
+        std::snprintf(line, sizeof line, "pack: archive %ju bytes, zip's %ju bytes, ratio %.4f (target <= 1.01) %s",
+                      static_cast<std::uintmax_t>(fs::file_size(ours)),
+                      static_cast<std::uintmax_t>(fs::file_size(theirs)), ratio, ratio <= 1.01 ? "met" : "MISSED");
+        if (notes().empty() || notes().back() != line) notes().push_back(line);
+        fs::remove(ours);
+        fs::remove(theirs);
+    };
+    return w;
+}
+
+// opcdir unpack against unzip -q of the same archive, made by zip.
+Workload unpackWorkload(const fs::path& root, std::size_t xmlParts, std::size_t images) {
+    const fs::path package = root / "unpack-source";
+    const fs::path archive = root / "unpack.docx";
+    const fs::path ours = root / "unpack-opcdir";
+    const fs::path theirs = root / "unpack-unzip";
+    makeDocumentPackage(package, xmlParts, images);
+    runCommand({"sh", "-c", "cd \"$0\" && zip -q -r -X \"$1\" .", package.string(), archive.string()}, false);
+    fs::remove_all(package);
+    const std::size_t files = xmlParts + images + 1;
+    Workload w;
+    w.name = "unpack";
+    w.size = packageSize(xmlParts, images);
+    w.target = 0.5;
+    w.writes = true;
+    w.data = {archive, ours, theirs};
+    w.library = [archive, ours](int) { runCommand({OPCDIR_PATH, "unpack", archive.string(), ours.string()}, false); };
+    // The tool's package lock file stays beside the package, as it should.
+    w.afterLibrary = [ours, files](int) {
+        require(countFiles(ours) == files, "opcdir unpack wrote the wrong files");
+        fs::remove_all(ours);
+    };
+    w.baseline = [archive, theirs] {
+        return runCommand({"unzip", "-q", archive.string(), "-d", theirs.string()}, false);
+    };
+    w.afterBaseline = [theirs, files] {
+        require(countFiles(theirs) == files, "unzip wrote the wrong files");
+        fs::remove_all(theirs);
+    };
+    return w;
+}
+#endif
+
 // Library and baseline alternate which goes first, so that neither always
 // meets the state the other left.
 Row measure(Workload& w, int repetitions, bool verbose) {
@@ -870,6 +988,10 @@ int run(const Options& options) {
          [&] { return commitWorkload(data.path(), sizes.commitParts, sizes.commitBytes, CommitKind::Durable); }},
         {"create", [&] { return createWorkload(data.path(), sizes.createParts, false); }},
         {"create-durable", [&] { return createWorkload(data.path(), sizes.createParts, true); }},
+#ifdef OPCDIR_PATH
+        {"pack", [&] { return packWorkload(data.path(), sizes.documentXmlParts, sizes.documentImages); }},
+        {"unpack", [&] { return unpackWorkload(data.path(), sizes.documentXmlParts, sizes.documentImages); }},
+#endif
     };
     bool failed = false;
     std::vector<Row> rows;
@@ -892,6 +1014,7 @@ int run(const Options& options) {
         }
     }
     if (!rows.empty()) printTable(rows);
+    for (const std::string& line : notes()) std::printf("\n%s\n", line.c_str());
 
     if (selected(options, "lock")) {
         std::fprintf(stderr, "opc_bench: lock...\n");
@@ -925,7 +1048,7 @@ int main(int argc, char** argv) {
     if (!options) {
         std::fprintf(stderr,
                      "usage: opc_bench [--quick] [--verbose] [--repetitions N] [--dir FOLDER] "
-                     "[--only open,read,write,commit,commit-durable,create,create-durable,lock,memory]\n");
+                     "[--only open,read,write,commit,commit-durable,create,create-durable,pack,unpack,lock,memory]\n");
         return 2;
     }
     try {

@@ -1,6 +1,9 @@
 # Install rules: both libraries with their headers, a CMake package
 # (find_package(opcfspackage CONFIG)) giving opc::opccore and opc::opcfspackage,
-# a pkg-config file for each library, and opcdir when it is built.
+# a pkg-config file for each library, and opcdir when it is built. Each rule
+# belongs to a component: runtime (the shared libraries), dev (headers, CMake
+# and pkg-config files) and tool (opcdir, its man page and bash completion),
+# the three Debian packages of OpcPackaging.cmake.
 include(CMakePackageConfigHelpers)
 
 set(OPC_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/opcfspackage")
@@ -12,18 +15,20 @@ set_target_properties(opcfspackage PROPERTIES INSTALL_RPATH "$ORIGIN")
 
 install(TARGETS opccore opcfspackage
     EXPORT opcfspackageTargets
-    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
-    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}"
-    RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT runtime NAMELINK_COMPONENT dev
+    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT dev
+    RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT runtime)
 install(DIRECTORY
         "${PROJECT_SOURCE_DIR}/opccore/include/opccore"
         "${PROJECT_SOURCE_DIR}/opcfspackage/include/opcfspackage"
     DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
+    COMPONENT dev
     FILES_MATCHING PATTERN "*.h")
 
 install(EXPORT opcfspackageTargets
     NAMESPACE opc::
-    DESTINATION "${OPC_CMAKE_DIR}")
+    DESTINATION "${OPC_CMAKE_DIR}"
+    COMPONENT dev)
 configure_package_config_file(
     "${CMAKE_CURRENT_LIST_DIR}/opcfspackageConfig.cmake.in"
     "${PROJECT_BINARY_DIR}/opcfspackageConfig.cmake"
@@ -36,7 +41,8 @@ write_basic_package_version_file(
 install(FILES
         "${PROJECT_BINARY_DIR}/opcfspackageConfig.cmake"
         "${PROJECT_BINARY_DIR}/opcfspackageConfigVersion.cmake"
-    DESTINATION "${OPC_CMAKE_DIR}")
+    DESTINATION "${OPC_CMAKE_DIR}"
+    COMPONENT dev)
 
 # pkg-config files locate the prefix from their own folder (${pcfiledir}), so
 # `cmake --install --prefix` anywhere gives working files. Absolute install
@@ -75,10 +81,25 @@ string(APPEND OPC_PC_BOOST_LIBS " -lboost_system")
 
 foreach(lib IN ITEMS opccore opcfspackage)
     configure_file("${CMAKE_CURRENT_LIST_DIR}/${lib}.pc.in" "${PROJECT_BINARY_DIR}/${lib}.pc" @ONLY)
-    install(FILES "${PROJECT_BINARY_DIR}/${lib}.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+    install(FILES "${PROJECT_BINARY_DIR}/${lib}.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT dev)
 endforeach()
 
 if(TARGET opcdir)
     set_target_properties(opcdir PROPERTIES INSTALL_RPATH "$ORIGIN/${opc_bin_to_lib}")
-    install(TARGETS opcdir RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+    install(TARGETS opcdir RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tool)
+    # Debian keeps manual pages compressed, without a timestamp in the gzip
+    # header so that builds repeat.
+    set(opc_man "${PROJECT_BINARY_DIR}/opcdir.1.gz")
+    add_custom_command(OUTPUT "${opc_man}"
+        COMMAND gzip -9 -n -c "${PROJECT_SOURCE_DIR}/tools/opcdir/share/opcdir.1" > "${opc_man}"
+        DEPENDS "${PROJECT_SOURCE_DIR}/tools/opcdir/share/opcdir.1"
+        VERBATIM)
+    add_custom_target(opcdir_man ALL DEPENDS "${opc_man}")
+    install(FILES "${opc_man}" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT tool)
+    install(FILES "${PROJECT_SOURCE_DIR}/tools/opcdir/share/opcdir.bash-completion"
+        DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions"
+        RENAME opcdir
+        COMPONENT tool)
 endif()
+
+include(OpcPackaging)

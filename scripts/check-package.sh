@@ -75,6 +75,8 @@ check_installed_files() {
             echo "$libdir/cmake/opcfspackage/$file.cmake"
         done
         echo "$bindir/opcdir"
+        echo "share/man/man1/opcdir.1.gz"
+        echo "share/bash-completion/completions/opcdir"
     } | sort >"$expected"
     actual="$work/actual-files"
     (cd "$prefix" && find . -type f -o -type l) | sed 's|^\./||' | sort >"$actual"

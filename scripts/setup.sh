@@ -9,7 +9,7 @@ packages=(
   libboost-dev libboost-system-dev
   googletest libgtest-dev libgmock-dev
   libzip-dev zlib1g-dev zip unzip
-  libpugixml-dev
+  libpugixml-dev nettle-dev
   libbenchmark-dev
   clang-format clang-tidy
 )

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <memory>
+#include <thread>
 
 namespace opcdir {
 namespace {
@@ -164,6 +165,82 @@ std::u16string archivePathFor(Session& session, const std::string& archiveName) 
     }
 }
 
+// Entries up to this size are read whole and deflated on worker threads;
+// larger ones are streamed through libzip, so that no part is held whole.
+constexpr std::uint64_t kWholeEntryLimit = std::uint64_t{64} << 20;
+// Deflated entries kept in memory between compressing and writing; past it,
+// entries are compressed again when written.
+constexpr std::uint64_t kKeptBytes = std::uint64_t{256} << 20;
+// What the workers may hold ahead of the writer.
+constexpr std::uint64_t kPipelineBytes = std::uint64_t{128} << 20;
+
+std::uint64_t defaultJobs() { return std::max(1u, std::thread::hardware_concurrency()); }
+
+std::uint64_t countOption(
+    const Arguments& args, const std::string& option, std::uint64_t fallback, std::uint64_t least, std::uint64_t most) {
+    const auto found = args.values.find(option);
+    if (found == args.values.end()) return fallback;
+    const std::string& text = found->second;
+    if (text.empty() || text.size() > 3 || text.find_first_not_of("0123456789") != std::string::npos ||
+        std::stoul(text) < least || std::stoul(text) > most) {
+        throw UsageError("pack: " + option + " must be a number from " + std::to_string(least) + " to " +
+                         std::to_string(most) + ", not '" + text + "'");
+    }
+    return std::stoul(text);
+}
+
+// The whole part, read from its start even when it was read before.
+std::string readPart(Session& session, const Listed& entry) {
+    try {
+        inputOf(session, entry)->open();
+    } catch (const opc::Exception& e) {
+        throw Failure(session.name(), "cannot read part " + quoteName(entry.name) + ": " + libraryCause(e));
+    }
+    return readWhole(session, entry);
+}
+
+// One entry decided before the archive is written: its method, checksum and,
+// while they fit in kKeptBytes, its deflated bytes.
+struct Prepared {
+    bool whole = false;  // false: streamed through libzip
+    CompressedEntry entry;
+};
+
+std::vector<Prepared> prepareEntries(Session& session,
+                                     const std::vector<Listed>& listed,
+                                     const std::vector<std::uint64_t>& sizes,
+                                     int level,
+                                     unsigned jobs,
+                                     Progress& progress) {
+    std::vector<Prepared> prepared(listed.size());
+    std::vector<std::size_t> whole;
+    std::vector<std::uint64_t> wholeSizes;
+    for (std::size_t i = 0; i < listed.size(); ++i) {
+        if (sizes[i] > kWholeEntryLimit) continue;
+        prepared[i].whole = true;
+        whole.push_back(i);
+        wholeSizes.push_back(sizes[i]);
+    }
+    DeflatePipeline pipeline(
+        wholeSizes, [&](std::size_t k) { return readPart(session, listed[whole[k]]); }, level, jobs, kPipelineBytes);
+    std::uint64_t kept = 0;
+    std::uint64_t done = 0;
+    for (std::size_t k = 0; k < whole.size(); ++k) {
+        CompressedEntry entry = pipeline.take(k);
+        if (entry.size != wholeSizes[k])
+            throw Failure(session.name(), "part " + quoteName(listed[whole[k]].name) + " changed while it was packed");
+        // Stored entries are read again when written: they cost no memory.
+        if (entry.deflated && kept + entry.data.size() <= kKeptBytes) {
+            kept += entry.data.size();
+        } else {
+            entry.data = std::string();
+        }
+        prepared[whole[k]].entry = std::move(entry);
+        progress.update(done += wholeSizes[k]);
+    }
+    return prepared;
+}
+
 }  // namespace
 
 void unpackCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
@@ -211,6 +288,8 @@ void unpackCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem
 void packCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
     const std::string& packageName = args.operands[0];
     const std::string& archiveName = args.operands[1];
+    const int level = static_cast<int>(countOption(args, "--level", 6, 0, 9));
+    const auto jobs = static_cast<unsigned>(countOption(args, "--jobs", defaultJobs(), 1, 256));
     Session session(fileSystem, packageName, OpenMode::Read);
     const std::u16string archivePath = archivePathFor(session, archiveName);
 
@@ -227,17 +306,39 @@ void packCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) 
                                            quoteName(clash.other));
         }
     }
-    std::vector<std::unique_ptr<PartSource>> sources;
-    ZipWriter writer(fileSystem, archiveName, archivePath);
+    std::vector<std::uint64_t> sizes;
     std::uint64_t total = 0;
     for (const Listed& entry : listed) {
-        const std::uint64_t size = session.sizeOf(entry.name);
-        total += size;
-        sources.push_back(std::make_unique<PartSource>(session, entry));
-        writer.add(entry.name.substr(1), size, *sources.back());
+        sizes.push_back(session.sizeOf(entry.name));
+        total += sizes.back();
     }
     Progress progress(io, "pack", total);
-    writer.onProgress([&](std::uint64_t done) { progress.update(done); });
+    std::vector<Prepared> prepared = prepareEntries(session, listed, sizes, level, jobs, progress);
+
+    std::vector<std::unique_ptr<PartSource>> sources;
+    ZipWriter writer(fileSystem, archiveName, archivePath);
+    writer.setLevel(level);
+    for (std::size_t i = 0; i < listed.size(); ++i) {
+        const std::string name = listed[i].name.substr(1);
+        if (!prepared[i].whole) {
+            sources.push_back(std::make_unique<PartSource>(session, listed[i]));
+            writer.add(name, sizes[i], *sources.back());
+            continue;
+        }
+        writer.addCompressed(
+            name,
+            [&, i] {
+                CompressedEntry entry = std::move(prepared[i].entry);
+                if (!entry.data.empty() || entry.size == 0) return entry;
+                // Not kept in memory: read again, and deflated again to the
+                // same bytes when it was deflated.
+                CompressedEntry again = compressEntry(readPart(session, listed[i]), entry.deflated ? level : 0);
+                if (again.size != entry.size || again.crc != entry.crc || again.deflated != entry.deflated)
+                    throw Failure(archiveName, "part " + quoteName(listed[i].name) + " changed while it was packed");
+                return again;
+            },
+            prepared[i].entry.deflated);
+    }
     writer.commit();
     session.commit();
 }

@@ -10,6 +10,7 @@
 namespace opcdir {
 
 int run(const std::vector<std::string>& arguments, Io& io, opc::FileSystemOps& fileSystem) {
+    int failureStatus = 1;
     try {
         const Arguments args = parseArguments(arguments);
         if (args.has("--help")) {
@@ -21,7 +22,9 @@ int run(const std::vector<std::string>& arguments, Io& io, opc::FileSystemOps& f
             return 0;
         }
         const Command& command = *findCommand(args.command);
+        failureStatus = command.failureStatus;
         const auto lock = lockPackage(command, args, io, fileSystem);
+        if (command.statusHandler != nullptr) return command.statusHandler(args, io, fileSystem);
         command.handler(args, io, fileSystem);
         return 0;
     } catch (const UsageError& e) {
@@ -29,13 +32,13 @@ int run(const std::vector<std::string>& arguments, Io& io, opc::FileSystemOps& f
         return 2;
     } catch (const Failure& e) {
         io.err << "opcdir: " << e.subject() << ": " << e.what() << "\n";
-        return 1;
+        return failureStatus;
     } catch (const opc::Exception& e) {
         io.err << "opcdir: " << libraryCause(e) << "\n";
-        return 1;
+        return failureStatus;
     } catch (const std::exception& e) {
         io.err << "opcdir: " << e.what() << "\n";
-        return 1;
+        return failureStatus;
     }
 }
 

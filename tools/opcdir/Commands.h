@@ -10,7 +10,8 @@
 namespace opcdir {
 
 // Runs one command line (the arguments after the program name) and returns
-// the exit status: 0 success, 1 failure, 2 wrong usage. Failures are told on
+// the exit status: 0 success, 1 failure (or the command's own failure
+// status), 2 wrong usage; diff and check also tell their finding by it. Failures are told on
 // io.err in one line, "opcdir: <file>: <cause>". Every file is reached
 // through fileSystem, and every change is committed as a whole by closing the
 // package, so that a failure leaves the package as it was.

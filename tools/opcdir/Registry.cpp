@@ -3,6 +3,7 @@
 #include "ArchiveCommands.h"
 #include "PartCommands.h"
 #include "RecoveryCommands.h"
+#include "WorkflowCommands.h"
 
 namespace opcdir {
 
@@ -71,12 +72,15 @@ const std::vector<Command>& commands() {
          {Access::Create, 1},
          &unpackCommand},
         {"pack",
-         "pack PKG FILE",
+         "pack [--level N] [--jobs N] PKG FILE",
          "turn a folder package into a ZIP-based package file",
-         "  [Content_Types].xml comes first, then the parts in name order, deflated,\n"
-         "  with fixed timestamps: packing the same folder twice gives the same bytes.\n"
-         "  FILE appears only when it is complete.\n",
-         {},
+         "  [Content_Types].xml comes first, then the parts in name order, with fixed\n"
+         "  timestamps: packing the same folder twice gives the same bytes, whatever\n"
+         "  the number of jobs. FILE appears only when it is complete.\n"
+         "      --level N   0 stores, 1 (fastest) to 9 (smallest) deflate; default 6.\n"
+         "                  An entry that deflating does not shrink is stored.\n"
+         "      --jobs N    threads that deflate; default: one per processor\n",
+         {{"--level", "", true}, {"--jobs", "", true}},
          2,
          2,
          {Access::Read, 0},
@@ -93,6 +97,50 @@ const std::vector<Command>& commands() {
          1,
          {Access::Write, 0},
          &recoverCommand},
+        {"diff",
+         "diff [--text] PKG|FILE PKG|FILE",
+         "list the parts that differ between two packages, folders or ZIP files",
+         "  One line per part, \"added /x\", \"removed /x\" or \"changed /x\". Relationship\n"
+         "  and content-types parts compare with their entries sorted, so that\n"
+         "  reordering them is no change. Exit status 0 when the packages hold the\n"
+         "  same parts with the same content, 1 when not, 2 on failure.\n"
+         "  -t, --text   follow each changed XML part with a unified diff of both\n"
+         "               sides pretty-printed\n",
+         {{"--text", "-t", false}},
+         2,
+         2,
+         {Access::None, 0},  // reads folders and files alike, taking no lock
+         nullptr,
+         &diffCommand,
+         2},
+        {"check",
+         "check PKG|FILE",
+         "list what would make a package unreadable, one problem a line",
+         "  Parts without a content type, Overrides for missing parts, relationships\n"
+         "  to missing parts, part names that break the part-name grammar or equal\n"
+         "  another without regard to case, links or FIFOs among the parts, and\n"
+         "  malformed XML where it must be read. Exit status 0 when there is none,\n"
+         "  1 when there are, 2 on failure.\n",
+         {},
+         1,
+         1,
+         {Access::None, 0},
+         nullptr,
+         &checkCommand,
+         2},
+        {"textconv",
+         "textconv PKG|FILE",
+         "print a package as text for git diff",
+         "  Each part under a line \"== <name> (<content type>)\": XML parts\n"
+         "  pretty-printed, relationship and content-types parts with their entries\n"
+         "  sorted, other parts as their size and SHA-256. For git:\n"
+         "    echo '*.docx diff=opc' >> .gitattributes\n"
+         "    git config diff.opc.textconv \"opcdir textconv\"\n",
+         {},
+         1,
+         1,
+         {Access::None, 0},
+         &textconvCommand},
     };
     return table;
 }

@@ -26,6 +26,9 @@ struct Io {
 // Carries out one parsed command line. Throws Failure or UsageError; every
 // file is reached through fileSystem.
 using Handler = void (*)(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem);
+// The same, for a command whose success has more than one exit status (diff:
+// 0 same, 1 different); returns it.
+using StatusHandler = int (*)(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem);
 
 struct Option {
     const char* name;       // "--max-size"
@@ -61,6 +64,8 @@ struct Command {
     std::size_t maxOperands;
     PackageUse package;
     Handler handler;
+    StatusHandler statusHandler = nullptr;  // used instead of handler when set
+    int failureStatus = 1;                  // the exit status of a Failure
 };
 
 // Every command, in the order --help lists them.

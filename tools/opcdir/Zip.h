@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "DeflatePipeline.h"
+
 struct zip;
 
 namespace opcdir {
@@ -73,9 +75,19 @@ public:
     ZipWriter(const ZipWriter&) = delete;
     ZipWriter& operator=(const ZipWriter&) = delete;
 
-    // Adds an entry of exactly size bytes; source is pulled during commit().
+    // Adds an entry of exactly size bytes; source is pulled during commit()
+    // and deflated by libzip at the level of setLevel(), or stored at level 0.
     // REQUIRES: source outlives commit().
     void add(const std::string& name, std::uint64_t size, EntrySource& source);
+
+    // Adds an entry compressed beforehand: produce() is called during
+    // commit(), and libzip copies what it returns as it is.
+    // REQUIRES: produce() returns an entry deflated exactly when deflated is true.
+    void addCompressed(const std::string& name, std::function<CompressedEntry()> produce, bool deflated);
+
+    // The deflate level of entries added by add(): 0 stores, 1 to 9 deflate;
+    // libzip's own default (9) until set.
+    void setLevel(int deflateLevel) { level = deflateLevel; }
 
     // Called with the count of bytes read from sources so far.
     void onProgress(std::function<void(std::uint64_t)> callback) { progress = std::move(callback); }
@@ -86,6 +98,7 @@ public:
 
 private:
     struct Context;
+    void describe(const std::string& name, struct zip_source* zipSource, bool deflated, int entryLevel);
 
     opc::FileSystemOps& service;
     std::string subject;
@@ -98,6 +111,7 @@ private:
     std::uint64_t bytesRead = 0;
     std::string firstError;
     bool committed = false;
+    int level = -1;  // libzip's default
 };
 
 }  // namespace opcdir

@@ -124,6 +124,19 @@ void ZipWriter::add(const std::string& name, std::uint64_t size, EntrySource& so
     if (zipSource == nullptr)
         throw Failure(subject, std::string("cannot add ") + quoteName(name) + ": " + zip_strerror(archive));
 
+    describe(name, zipSource, level != 0, std::max(level, 0));
+}
+
+void ZipWriter::addCompressed(const std::string& name, std::function<CompressedEntry()> produce, bool deflated) {
+    zip_source_t* zipSource = compressedSource(archive, std::move(produce), &firstError);
+    if (zipSource == nullptr)
+        throw Failure(subject, std::string("cannot add ") + quoteName(name) + ": " + zip_strerror(archive));
+    describe(name, zipSource, deflated, 0);
+}
+
+// Adds the entry with its method, a fixed timestamp and fixed attributes;
+// takes zipSource over.
+void ZipWriter::describe(const std::string& name, zip_source_t* zipSource, bool deflated, int entryLevel) {
     const zip_flags_t encoding = isAscii(name)                  ? ZIP_FL_ENC_GUESS
                                  : opc::NameCodec::isUtf8(name) ? ZIP_FL_ENC_UTF_8
                                                                 : ZIP_FL_ENC_RAW;
@@ -133,7 +146,8 @@ void ZipWriter::add(const std::string& name, std::uint64_t size, EntrySource& so
         throw Failure(subject, std::string("cannot add ") + quoteName(name) + ": " + zip_strerror(archive));
     }
     const auto entry = static_cast<zip_uint64_t>(index);
-    if (zip_set_file_compression(archive, entry, ZIP_CM_DEFLATE, 0) != 0 ||
+    if (zip_set_file_compression(archive, entry, deflated ? ZIP_CM_DEFLATE : ZIP_CM_STORE,
+                                 static_cast<zip_uint32_t>(entryLevel)) != 0 ||
         zip_file_set_dostime(archive, entry, kDosTime, kDosDate, 0) != 0 ||
         zip_file_set_external_attributes(archive, entry, 0, ZIP_OPSYS_DOS, 0) != 0) {
         throw Failure(subject, std::string("cannot add ") + quoteName(name) + ": " + zip_strerror(archive));

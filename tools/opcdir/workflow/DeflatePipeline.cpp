@@ -1,0 +1,217 @@
+#include "DeflatePipeline.h"
+
+#include <zip.h>
+#include <zlib.h>
+
+#include <algorithm>
+#include <memory>
+#include <stdexcept>
+
+namespace opcdir {
+namespace {
+
+constexpr std::size_t kProbe = std::size_t{128} * 1024;
+
+std::uint32_t crcOf(const std::string& bytes) {
+    uLong crc = crc32(0L, Z_NULL, 0);
+    for (std::size_t at = 0; at < bytes.size();) {
+        const auto piece = static_cast<uInt>(std::min<std::size_t>(bytes.size() - at, 1u << 30));
+        crc = crc32(crc, reinterpret_cast<const Bytef*>(bytes.data() + at), piece);
+        at += piece;
+    }
+    return static_cast<std::uint32_t>(crc);
+}
+
+// The raw deflate stream (no zlib header, as ZIP wants it) of input, with
+// the window and memory level zip itself uses.
+std::string deflateRaw(const char* input, std::size_t size, int level) {
+    z_stream stream{};
+    if (deflateInit2(&stream, level, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY) != Z_OK)
+        throw std::runtime_error("cannot start deflate");
+    std::unique_ptr<z_stream, int (*)(z_stream*)> end(&stream, &deflateEnd);
+    std::string output(deflateBound(&stream, static_cast<uLong>(size)), '\0');
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(input));
+    stream.avail_in = static_cast<uInt>(size);
+    stream.next_out = reinterpret_cast<Bytef*>(output.data());
+    stream.avail_out = static_cast<uInt>(output.size());
+    if (deflate(&stream, Z_FINISH) != Z_STREAM_END) throw std::runtime_error("deflate did not finish");
+    output.resize(stream.total_out);
+    return output;
+}
+
+}  // namespace
+
+CompressedEntry compressEntry(std::string bytes, int level) {
+    CompressedEntry entry;
+    entry.size = bytes.size();
+    entry.crc = crcOf(bytes);
+    // deflate takes 32-bit counts; larger entries are the streaming writer's.
+    const bool worthTrying = level > 0 && !bytes.empty() && bytes.size() < (std::uint64_t{1} << 31);
+    if (worthTrying && bytes.size() > kProbe) {
+        const std::string probe = deflateRaw(bytes.data(), kProbe, level);
+        if (probe.size() * 50 > kProbe * 49) {
+            entry.data = std::move(bytes);
+            return entry;
+        }
+    }
+    if (worthTrying) {
+        std::string deflated = deflateRaw(bytes.data(), bytes.size(), level);
+        if (deflated.size() < bytes.size()) {
+            entry.deflated = true;
+            entry.data = std::move(deflated);
+            return entry;
+        }
+    }
+    entry.data = std::move(bytes);
+    return entry;
+}
+
+DeflatePipeline::DeflatePipeline(std::vector<std::uint64_t> entrySizes,
+                                 std::function<std::string(std::size_t)> loader,
+                                 int deflateLevel,
+                                 unsigned jobs,
+                                 std::uint64_t bytes)
+    : sizes(std::move(entrySizes)),
+      load(std::move(loader)),
+      level(deflateLevel),
+      budget(bytes),
+      done(sizes.size()),
+      failures(sizes.size()) {
+    for (unsigned i = 0; i < std::max(1u, jobs); ++i) workers.emplace_back([this] { work(); });
+}
+
+DeflatePipeline::~DeflatePipeline() {
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        stopping = true;
+    }
+    changed.notify_all();
+    for (std::thread& worker : workers) worker.join();
+}
+
+void DeflatePipeline::work() {
+    std::unique_lock<std::mutex> lock(mutex);
+    for (;;) {
+        changed.wait(lock,
+                     [&] { return stopping || next == sizes.size() || held == 0 || held + sizes[next] <= budget; });
+        if (stopping || next == sizes.size()) return;
+        const std::size_t index = next++;
+        held += sizes[index];
+        lock.unlock();
+        std::optional<CompressedEntry> result;
+        std::exception_ptr failure;
+        try {
+            std::string bytes;
+            {
+                const std::lock_guard<std::mutex> one(loading);
+                bytes = load(index);
+            }
+            result = compressEntry(std::move(bytes), level);
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        lock.lock();
+        done[index] = std::move(result);
+        failures[index] = failure;
+        if (failure == nullptr && !done[index]) failures[index] = std::make_exception_ptr(std::logic_error("lost"));
+        changed.notify_all();
+    }
+}
+
+CompressedEntry DeflatePipeline::take(std::size_t index) {
+    std::unique_lock<std::mutex> lock(mutex);
+    changed.wait(lock, [&] { return done[index].has_value() || failures[index] != nullptr; });
+    held -= sizes[index];
+    changed.notify_all();
+    if (failures[index] != nullptr) std::rethrow_exception(failures[index]);
+    CompressedEntry entry = std::move(*done[index]);
+    done[index].reset();
+    return entry;
+}
+
+// ---- The libzip source ---------------------------------------------------------
+
+namespace {
+
+struct SourceState {
+    std::function<CompressedEntry()> produce;
+    std::string* firstError = nullptr;
+    std::optional<CompressedEntry> entry;  // kept for its sizes once its bytes are dropped
+    std::uint64_t compressedSize = 0;
+    std::size_t position = 0;
+    zip_error_t error{};
+
+    zip_int64_t fail(const char* what) {
+        if (firstError->empty()) *firstError = what;
+        zip_error_set(&error, ZIP_ER_READ, 0);
+        return -1;
+    }
+
+    zip_int64_t call(void* data, zip_uint64_t length, zip_source_cmd_t command) {
+        switch (command) {
+            case ZIP_SOURCE_OPEN: position = 0; return 0;
+            case ZIP_SOURCE_READ: {
+                const std::size_t count =
+                    std::min<std::size_t>(static_cast<std::size_t>(length), entry->data.size() - position);
+                std::copy_n(entry->data.data() + position, count, static_cast<char*>(data));
+                position += count;
+                return static_cast<zip_int64_t>(count);
+            }
+            case ZIP_SOURCE_CLOSE: entry->data = std::string(); return 0;
+            case ZIP_SOURCE_STAT: {
+                auto* stat = static_cast<zip_stat_t*>(data);
+                zip_stat_init(stat);
+                stat->valid = ZIP_STAT_SIZE | ZIP_STAT_COMP_SIZE | ZIP_STAT_COMP_METHOD | ZIP_STAT_CRC;
+                stat->size = entry->size;
+                stat->comp_size = compressedSize;
+                stat->comp_method = entry->deflated ? ZIP_CM_DEFLATE : ZIP_CM_STORE;
+                stat->crc = entry->crc;
+                return sizeof(zip_stat_t);
+            }
+            case ZIP_SOURCE_ERROR: return zip_error_to_data(&error, data, length);
+            case ZIP_SOURCE_FREE: return 0;
+            case ZIP_SOURCE_SUPPORTS:
+                return zip_source_make_command_bitmap(ZIP_SOURCE_OPEN, ZIP_SOURCE_READ, ZIP_SOURCE_CLOSE,
+                                                      ZIP_SOURCE_STAT, ZIP_SOURCE_ERROR, ZIP_SOURCE_FREE, -1);
+            default: zip_error_set(&error, ZIP_ER_OPNOTSUPP, 0); return -1;
+        }
+    }
+};
+
+// Exceptions must not cross libzip's C frames.
+zip_int64_t sourceCallback(void* state, void* data, zip_uint64_t length, zip_source_cmd_t command) {
+    auto* source = static_cast<SourceState*>(state);
+    if (command == ZIP_SOURCE_FREE) {
+        zip_error_fini(&source->error);
+        delete source;
+        return 0;
+    }
+    try {
+        if (!source->entry && command != ZIP_SOURCE_SUPPORTS && command != ZIP_SOURCE_ERROR) {
+            source->entry = source->produce();
+            source->compressedSize = source->entry->data.size();
+        }
+        return source->call(data, length, command);
+    } catch (const std::exception& e) {
+        return source->fail(e.what());
+    }
+}
+
+}  // namespace
+
+zip_source* compressedSource(zip* archive, std::function<CompressedEntry()> produce, std::string* firstError) {
+    auto state = std::make_unique<SourceState>();
+    state->produce = std::move(produce);
+    state->firstError = firstError;
+    zip_error_init(&state->error);
+    zip_source_t* source = zip_source_function(archive, &sourceCallback, state.get());
+    if (source == nullptr) {
+        zip_error_fini(&state->error);
+        return nullptr;
+    }
+    // The source owns the state now: ZIP_SOURCE_FREE deletes it.
+    static_cast<void>(state.release());
+    return source;
+}
+
+}  // namespace opcdir
