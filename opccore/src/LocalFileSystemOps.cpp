@@ -103,9 +103,41 @@ private:
     __gnu_cxx::stdio_filebuf<char> buffer;
 };
 
+// A path's bytes for one system call. The usual path, all ASCII, is
+// converted on the stack: opening a package tests every part's file, and a
+// lock is taken and released in a few system calls, so an allocation there
+// is a noticeable share.
+class SystemPath {
+public:
+    // ascii is written up to the terminating NUL before it is read; zeroing
+    // a kilobyte per call would cost more than the conversion.
+    explicit SystemPath(std::u16string_view path) {  // NOLINT(cppcoreguidelines-pro-type-member-init)
+        if (path.size() < sizeof ascii) {
+            std::size_t i = 0;
+            for (; i < path.size() && path[i] != u'\0' && path[i] < 0x80; ++i) ascii[i] = static_cast<char>(path[i]);
+            ascii[i] = '\0';
+            if (i == path.size()) return;
+        }
+        code = nativePath(path, native);
+        text = native.c_str();
+    }
+    SystemPath(const SystemPath&) = delete;
+    SystemPath& operator=(const SystemPath&) = delete;
+    ~SystemPath() = default;
+
+    const error_code& error() const { return code; }
+    const char* c_str() const { return text; }
+
+private:
+    char ascii[1024];
+    std::string native;
+    error_code code;
+    const char* text = ascii;
+};
+
 error_code openFile(const std::u16string& path, int flags, Descriptor& file, mode_t mode = 0666) {
-    std::string native{};
-    if (error_code code = nativePath(path, native)) return code;
+    const SystemPath native(path);
+    if (native.error()) return native.error();
     const int fd = ::open(native.c_str(), flags | O_CLOEXEC, mode);
     if (fd < 0) return lastError();
     file.reset(fd);
@@ -422,6 +454,22 @@ error_code replaceWithFile(const std::u16string& from, const std::u16string& to,
     return {};
 }
 
+// Absolute, without an empty, "." or ".." segment and without a trailing
+// separator: what normalizing gives back unchanged. Callers mostly pass such
+// paths, which then cost one copy.
+bool isNormal(std::u16string_view path) {
+    if (path.empty() || path.front() != u'/') return false;
+    if (path.size() == 1) return true;
+    for (std::size_t start = 1;;) {
+        std::size_t end = path.find(u'/', start);
+        if (end == std::u16string_view::npos) end = path.size();
+        const std::u16string_view segment = path.substr(start, end - start);
+        if (segment.empty() || segment == u"." || segment == u"..") return false;
+        if (end == path.size()) return true;
+        start = end + 1;
+    }
+}
+
 std::u16string currentFolder() {
     std::string buffer(256, '\0');
     while (::getcwd(buffer.data(), buffer.size()) == nullptr) {
@@ -456,6 +504,7 @@ std::u16string LocalFileSystemOps::appendPathImpl(const std::u16string& folder, 
 }
 
 std::u16string LocalFileSystemOps::normalizePathImpl(const std::u16string& path) {
+    if (isNormal(path)) return path;
     const std::u16string absolute =
         !path.empty() && path.front() == u'/' ? path : LocalFileSystemOps::appendPathImpl(currentFolder(), path);
     std::vector<std::u16string_view> segments;
@@ -512,18 +561,9 @@ std::u16string LocalFileSystemOps::getTempNameImpl(const std::u16string& folder)
 }
 
 bool LocalFileSystemOps::existsImpl(const std::u16string& path) {
-    // Opening a package tests every part's file this way, so the usual path,
-    // all ASCII, is converted on the stack. An access test resolves the path
-    // as stat() does but fills in nothing.
-    char ascii[1024];
-    if (path.size() < sizeof ascii) {
-        std::size_t i = 0;
-        for (; i < path.size() && path[i] != u'\0' && path[i] < 0x80; ++i) ascii[i] = static_cast<char>(path[i]);
-        ascii[i] = '\0';
-        if (i == path.size()) return ::faccessat(AT_FDCWD, ascii, F_OK, AT_EACCESS) == 0;
-    }
-    std::string native{};
-    return !nativePath(path, native) && ::faccessat(AT_FDCWD, native.c_str(), F_OK, AT_EACCESS) == 0;
+    // An access test resolves the path as stat() does but fills in nothing.
+    const SystemPath native(path);
+    return !native.error() && ::faccessat(AT_FDCWD, native.c_str(), F_OK, AT_EACCESS) == 0;
 }
 
 bool LocalFileSystemOps::isFolderImpl(const std::u16string& path) {

@@ -144,7 +144,7 @@ StagingArea::StagingArea() = default;
 StagingArea::~StagingArea() = default;
 
 void StagingArea::handedOut(const std::string& path) {
-    if (names.size() == kRememberedNames) names.pop_front();
+    if (names.size() == kRememberedNames) names.erase(names.begin());
     names.push_back(path);
 }
 

@@ -6,7 +6,6 @@
 
 #include <sys/types.h>
 
-#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -99,7 +98,9 @@ private:
     void dropSwap(const Swap& swap);
     void forget(const std::shared_ptr<Staging>& staged);
 
-    std::deque<std::string> names;
+    // A vector, not a deque: a service is made for every lock taken, and an
+    // empty deque already allocates.
+    std::vector<std::string> names;
     std::vector<std::shared_ptr<Staging>> stagings;
     std::vector<std::unique_ptr<Swap>> swaps;
 };

@@ -4,6 +4,7 @@
 
 #include <boost/system/error_code.hpp>
 
+#include <algorithm>
 #include <cstdint>
 #include <string_view>
 
@@ -32,7 +33,9 @@ std::uint64_t fingerprint(std::u16string_view text) {
 }
 
 std::u16string lockFileName(std::u16string_view packageName) {
-    std::u16string name(kLockPrefix);
+    std::u16string name;
+    name.reserve(kLockPrefix.size() + std::min(packageName.size(), kMaxNameUnits));
+    name.append(kLockPrefix);
     if (packageName.size() <= kMaxNameUnits) return name.append(packageName);
     std::size_t kept = kMaxNameUnits - kFingerprintUnits - 1;
     if (packageName[kept - 1] >= 0xd800 && packageName[kept - 1] < 0xdc00) --kept;  // no half of a pair
@@ -71,7 +74,7 @@ void PackageLock::acquire(opc::FileSystemOps& service,
                           std::optional<std::chrono::nanoseconds> timeout) {
     try {
         const std::u16string root = service.normalizePath(packagePath);
-        const std::u16string name = root.substr(root.find_last_of(u'/') + 1);
+        const std::u16string_view name = std::u16string_view(root).substr(root.find_last_of(u'/') + 1);
         lockPath = service.appendPath(service.getParentPath(root), lockFileName(name));
         lock = service.lockFile(lockPath, mode, timeout);
     } catch (const opc::Exception& e) {

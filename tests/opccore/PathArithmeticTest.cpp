@@ -15,7 +15,9 @@ TEST(PathArithmetic, NormalizePathResolvesLexically) {
     Ops ops;
     // Only "." and ".." are special.
     const std::vector<PathCase> cases = {{u"/data/pkg", u"/data/pkg"},
+                                         {u"/data/pkg/", u"/data/pkg"},
                                          {u"/data/pkg///", u"/data/pkg"},
+                                         {u"/data/pkg/.", u"/data/pkg"},
                                          {u"//data//pkg", u"/data/pkg"},
                                          {u"/data/./pkg/.", u"/data/pkg"},
                                          {u"/data/a/b/../../pkg/c/..", u"/data/pkg"},
