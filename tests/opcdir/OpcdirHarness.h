@@ -1,18 +1,22 @@
 #pragma once
 
+// Runs opcdir for a test: the built binary in a folder of the test's, or its
+// commands in this process through a file-system service of the test's.
+
 #include "Commands.h"
 #include "support/TempDir.h"
 #include "support/TreeSnapshot.h"
 
+#include <opccore/LocalFileSystemOps.h>
+
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
-#include <cstdint>
 #include <cstdlib>
-#include <iterator>
+#include <filesystem>
+#include <ostream>
 #include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #ifndef OPCDIR_PATH
@@ -25,7 +29,12 @@ struct RunResult {
     int status = -1;
     std::string out;
     std::string err;
+    bool operator==(const RunResult& o) const { return status == o.status && out == o.out && err == o.err; }
 };
+
+inline std::ostream& operator<<(std::ostream& stream, const RunResult& r) {
+    return stream << "status " << r.status << "\nout:\n" << r.out << "err:\n" << r.err;
+}
 
 inline std::string shellQuoted(const std::string& word) {
     std::string out = "'";
@@ -33,8 +42,25 @@ inline std::string shellQuoted(const std::string& word) {
     return out + "'";
 }
 
-// Runs the built opcdir binary in folder `in` with these arguments and
-// standard input.
+// The words of a command line that has no quoting to do.
+inline std::vector<std::string> words(const std::string& line) {
+    std::istringstream in(line);
+    std::vector<std::string> out;
+    for (std::string word; in >> word;) out.push_back(word);
+    return out;
+}
+
+// While it lives, folder is the process's current one.
+struct CurrentFolder {
+    explicit CurrentFolder(const std::filesystem::path& folder) { std::filesystem::current_path(folder); }
+    CurrentFolder(const CurrentFolder&) = delete;
+    CurrentFolder& operator=(const CurrentFolder&) = delete;
+    ~CurrentFolder() { std::filesystem::current_path(previous); }
+    std::filesystem::path previous = std::filesystem::current_path();
+};
+
+// Runs the built binary in folder `in` with these arguments and standard
+// input.
 inline RunResult runOpcdir(const std::filesystem::path& in,
                            const std::vector<std::string>& arguments,
                            const std::string& input = "") {
@@ -48,13 +74,30 @@ inline RunResult runOpcdir(const std::filesystem::path& in,
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(io.path() / "out"), readFile(io.path() / "err")};
 }
 
+// Runs the command in this process, every file reached through fileSystem.
+inline RunResult runWith(opc::FileSystemOps& fileSystem,
+                         const std::vector<std::string>& arguments,
+                         bool errIsTerminal = false,
+                         bool outIsTerminal = false) {
+    std::istringstream in;
+    std::ostringstream out;
+    std::ostringstream err;
+    opcdir::Io io{in, out, err, errIsTerminal, outIsTerminal};
+    const int status = opcdir::run(arguments, io, fileSystem);
+    return {status, out.str(), err.str()};
+}
+
+inline RunResult run(const std::vector<std::string>& arguments) {
+    opc::LocalFileSystemOps local;
+    return runWith(local, arguments);
+}
+
 // The snapshot without the package lock files that commands leave beside
 // the packages they name, there to stay.
 inline TreeSnapshot withoutLockFiles(TreeSnapshot tree) {
     for (auto it = tree.begin(); it != tree.end();) {
-        const std::size_t slash = it->first.rfind('/', it->first.size() - 2);
-        const bool lockFile = it->first.compare(slash == std::string::npos ? 0 : slash + 1, 10, ".opc-lock-") == 0;
-        it = lockFile ? tree.erase(it) : std::next(it);
+        const bool lock = std::filesystem::path(it->first).filename().string().rfind(".opc-lock-", 0) == 0;
+        it = lock ? tree.erase(it) : std::next(it);
     }
     return tree;
 }
@@ -67,62 +110,8 @@ inline void expectRefused(const std::filesystem::path& in,
                           const std::string& message,
                           int status = 1) {
     const TreeSnapshot before = withoutLockFiles(snapshotTree(in));
-    const RunResult result = runOpcdir(in, arguments);
-    EXPECT_EQ(result.status, status);
-    EXPECT_EQ(result.err, "opcdir: " + message + "\n");
-    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(runOpcdir(in, arguments), (RunResult{status, "", "opcdir: " + message + "\n"}));
     EXPECT_EQ(withoutLockFiles(snapshotTree(in)), before);
-}
-
-// Runs the same commands in this process, every package going through
-// fileSystem.
-inline RunResult runOpcdirWith(opc::FileSystemOps& fileSystem, const std::vector<std::string>& arguments) {
-    std::istringstream in;
-    std::ostringstream out;
-    std::ostringstream err;
-    opcdir::Io io{in, out, err, false};
-    const int status = opcdir::run(arguments, io, fileSystem);
-    return {status, out.str(), err.str()};
-}
-
-inline std::string littleEndian(std::uint32_t value, int bytes) {
-    std::string out;
-    for (int i = 0; i < bytes; ++i) out += static_cast<char>((value >> (8 * i)) & 0xff);
-    return out;
-}
-
-// Stored entries written byte by byte, so that tests can make archives no ZIP
-// library would: NUL or ".." in names, duplicates.
-inline std::string rawZip(const std::vector<std::pair<std::string, std::string>>& entries) {
-    const auto le = littleEndian;
-    std::string body;
-    std::string directory;
-    for (const auto& [name, data] : entries) {
-        std::uint32_t crc = ~0u;
-        for (const char c : data) {
-            crc ^= static_cast<unsigned char>(c);
-            for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xedb88320u & (0u - (crc & 1u)));
-        }
-        const auto size = static_cast<std::uint32_t>(data.size());
-        // Version 2.0, no flags, stored, dated 1980-01-01.
-        const std::string fields = le(20, 2) + std::string(6, '\0') + le(0x21, 2) + le(~crc, 4) + le(size, 4) +
-                                   le(size, 4) + le(static_cast<std::uint32_t>(name.size()), 2) + le(0, 2);
-        directory += "PK\1\2" + le(20, 2) + fields + std::string(10, '\0') +
-                     le(static_cast<std::uint32_t>(body.size()), 4) + name;
-        body += "PK\3\4" + fields + name + data;
-    }
-    const auto count = static_cast<std::uint32_t>(entries.size());
-    return body + directory + "PK\5\6" + le(0, 4) + le(count, 2) + le(count, 2) +
-           le(static_cast<std::uint32_t>(directory.size()), 4) + le(static_cast<std::uint32_t>(body.size()), 4) +
-           le(0, 2);
-}
-
-// Makes both headers of the entry called name declare this uncompressed size.
-inline void setDeclaredSize(std::string& archive, const std::string& name, std::uint32_t size) {
-    for (std::size_t at = archive.find(name); at != std::string::npos; at = archive.find(name, at + 1)) {
-        if (at >= 30 && archive.compare(at - 30, 4, "PK\3\4") == 0) archive.replace(at - 8, 4, littleEndian(size, 4));
-        if (at >= 46 && archive.compare(at - 46, 4, "PK\1\2") == 0) archive.replace(at - 22, 4, littleEndian(size, 4));
-    }
 }
 
 }  // namespace opc::test

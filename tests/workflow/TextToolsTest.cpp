@@ -18,27 +18,6 @@ TEST(XmlText, PrettyPrintsKeepingTextAttributesAndDeclaration) {
               "    <d xml:space=\"preserve\"> </d>\n  </b>\n  <!--n-->\n  <e />\n</a>\n");
 }
 
-TEST(XmlText, CanonicalFormSortsEntriesByWhatNamesThemAndAttributesByName) {
-    const std::string relationships =
-        "<Relationships><Relationship Target=\"b.xml\" Id=\"rId2\"/><Relationship Id=\"rId1\" "
-        "Target=\"a.xml\"/></Relationships>";
-    EXPECT_EQ(canonicalXml(relationships),
-              "<Relationships>\n  <Relationship Id=\"rId1\" Target=\"a.xml\" />\n"
-              "  <Relationship Id=\"rId2\" Target=\"b.xml\" />\n</Relationships>\n");
-    const std::string types =
-        "<Types><Override PartName=\"/b.xml\" ContentType=\"a/a\"/><Default Extension=\"xml\" ContentType=\"t/x\"/>"
-        "<Override ContentType=\"z/z\" PartName=\"/a.xml\"/></Types>";
-    EXPECT_EQ(canonicalXml(types),
-              "<Types>\n  <Default ContentType=\"t/x\" Extension=\"xml\" />\n"
-              "  <Override ContentType=\"z/z\" PartName=\"/a.xml\" />\n"
-              "  <Override ContentType=\"a/a\" PartName=\"/b.xml\" />\n</Types>\n");
-    const ContentTypeEntries entries = readContentTypes(types);
-    ASSERT_EQ(entries.defaults.size(), 1u);
-    EXPECT_EQ(entries.defaults[0].key + " " + entries.defaults[0].type, "xml t/x");
-    ASSERT_EQ(entries.overrides.size(), 2u);
-    EXPECT_EQ(entries.overrides[1].key + " " + entries.overrides[1].type, "/a.xml z/z");
-}
-
 TEST(XmlText, DeclaredEntitiesAreNeverExpandedAndBadXmlIsAnError) {
     std::string bomb = "<?xml version=\"1.0\"?><!DOCTYPE r [<!ENTITY a \"aaaaaaaaaa\">";
     for (char level = 'b'; level <= 'k'; ++level) {
