@@ -3,6 +3,7 @@
 
 #include "CommitFixture.h"
 
+#include "support/Attributes.h"
 #include "support/SyscallTrace.h"
 
 #include <fcntl.h>
@@ -107,25 +108,6 @@ TEST(Durability, WriteFailingAtLastBytesFailsCommitAndKeepsOldPackage) {
                                "File too large [" + std::to_string(EFBIG) + "]");
         EXPECT_EQ(s.after(), s.original);
     }
-}
-
-struct Attributes {
-    mode_t mode;
-    uid_t owner;
-    gid_t group;
-    bool operator==(const Attributes& other) const {
-        return mode == other.mode && owner == other.owner && group == other.group;
-    }
-};
-
-Attributes attributesOf(const fs::path& path) {
-    struct stat info {};
-    EXPECT_EQ(::lstat(path.c_str(), &info), 0) << path;
-    return {info.st_mode & 07777, info.st_uid, info.st_gid};
-}
-
-std::ostream& operator<<(std::ostream& out, const Attributes& a) {
-    return out << std::oct << a.mode << std::dec << " " << a.owner << ":" << a.group;
 }
 
 // A private package stays private, and (as root) keeps its owner; what is

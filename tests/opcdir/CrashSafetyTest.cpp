@@ -2,6 +2,7 @@
 // write that fails at its last bytes, and with a package's permissions.
 
 #include "OpcdirHarness.h"
+#include "support/Attributes.h"
 #include "support/ChildProcess.h"
 
 #include <signal.h>
@@ -80,22 +81,12 @@ TEST(OpcdirWriteFailure, LastBytesOverTheFileSizeLimitExitOneNamingTheCause) {
     EXPECT_EQ(withoutLockFiles(snapshotTree(dir.path())), before);
 }
 
-// Permission bits, owner and group.
-std::string attributesOf(const fs::path& path) {
-    struct stat info {};
-    EXPECT_EQ(::lstat(path.c_str(), &info), 0) << path;
-    std::ostringstream out;
-    out << std::oct << (info.st_mode & 07777) << std::dec << " " << info.st_uid << ":" << info.st_gid;
-    return out.str();
-}
-
 // A private package (and, as root, one owned by someone else) stays so
 // across put and rm.
 TEST(OpcdirPermissions, PutAndRmKeepModesAndOwners) {
     const bool root = ::geteuid() == 0;
     const uid_t owner = root ? 4321 : ::geteuid();
     const gid_t group = root ? 4322 : ::getegid();
-    const std::string ids = " " + std::to_string(owner) + ":" + std::to_string(group);
     const std::vector<std::pair<std::string, mode_t>> entries = {{"pkg", 0700},
                                                                  {"pkg/word", 0700},
                                                                  {"pkg/[Content_Types].xml", 0600},
@@ -117,9 +108,7 @@ TEST(OpcdirPermissions, PutAndRmKeepModesAndOwners) {
         const bool put = line[0] == 'p';
         for (const auto& [path, mode] : entries) {
             if (path != "pkg/word/styles.xml" || put) {
-                std::ostringstream expected;
-                expected << std::oct << mode << ids;
-                EXPECT_EQ(attributesOf(dir.path() / path), expected.str()) << path;
+                EXPECT_EQ(attributesOf(dir.path() / path), (Attributes{mode, owner, group})) << path;
             }
         }
         EXPECT_EQ(readFile(dir.path() / "pkg/word/document.xml"), put ? "<new/>" : "<old/>");
