@@ -10,14 +10,9 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
-#include <functional>
-#include <iterator>
 #include <string>
-#include <tuple>
 #include <vector>
 
 namespace opc::test {
@@ -36,19 +31,6 @@ struct Fixture : ::testing::Test {
     TempDir dir;
     Ops ops;
 };
-
-// The message and code of the opc::Exception that call throws; fails the test
-// when it throws nothing.
-template <class Call>
-std::pair<std::string, boost::system::error_code> caught(Call&& call) {
-    try {
-        call();
-    } catch (const opc::Exception& e) {
-        return {e.what(), e.code()};
-    }
-    ADD_FAILURE() << "nothing was thrown";
-    return {};
-}
 
 // The throwing forms' message: "Cannot <operation> "<path>"[ to "<second>"]".
 inline std::string message(const std::string& operation, const std::u16string& path, const std::u16string& to = {}) {

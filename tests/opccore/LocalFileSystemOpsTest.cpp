@@ -4,17 +4,17 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <cstdint>
+#include <functional>
 #include <set>
+#include <tuple>
 
 namespace opc::test {
 namespace {
 
-using GetFiles = Fixture;
-using Folders = Fixture;
-using Streams = Fixture;
-using Messages = Fixture;
-using Strangers = Fixture;
-using Locks = Fixture;
+using Service = Fixture;
+using PathPair = std::pair<std::u16string, std::u16string>;
 
 Strings listed(Ops& ops, const std::u16string& folder, bool recursive) {
     std::vector<std::u16string> files;
@@ -25,32 +25,66 @@ Strings listed(Ops& ops, const std::u16string& folder, bool recursive) {
     return names;
 }
 
-TEST_F(GetFiles, ListsFilesAtAnyDepthUnderTheFolderAsSpelledButNoFoldersOrFolderLinks) {
+TEST(PathArithmetic, JoinsNormalizesLexicallyAndCutsTheLastSegment) {
+    Ops ops;
+    EXPECT_EQ(ops.appendPath(u"/data/pkg", u"word/x.xml"), u"/data/pkg/word/x.xml");
+    EXPECT_EQ(ops.appendPath(u"/", u"a/b"), u"/a/b");
+    // Only "." and ".." are special.
+    for (const auto& [in, expected] : std::vector<PathPair>{{u"/data/pkg", u"/data/pkg"},
+                                                            {u"/data/pkg/", u"/data/pkg"},
+                                                            {u"/data/pkg///", u"/data/pkg"},
+                                                            {u"/data/pkg/.", u"/data/pkg"},
+                                                            {u"//data//pkg", u"/data/pkg"},
+                                                            {u"/data/./pkg/.", u"/data/pkg"},
+                                                            {u"/data/a/b/../../pkg/c/..", u"/data/pkg"},
+                                                            {u"/data/.../..x/.h", u"/data/.../..x/.h"},
+                                                            {u"/../../data", u"/data"},
+                                                            {u"/", u"/"},
+                                                            {u"//", u"/"},
+                                                            {u"/..", u"/"}}) {
+        EXPECT_EQ(ops.normalizePath(in), expected) << toUtf8(in);
+    }
+    for (const auto& [in, expected] : std::vector<PathPair>{
+             {u"/data/pkg/x.xml", u"/data/pkg"}, {u"a/b", u"a"}, {u"/a", u"/"}, {u"pkg", u""}, {u"", u""}}) {
+        EXPECT_EQ(ops.getParentPath(in), expected) << toUtf8(in);
+    }
+}
+
+TEST_F(Service, NormalizePathTakesARelativePathAgainstTheCurrentFolderAndKeepsLinks) {
+    fs::create_directories(dir.path() / "real" / "inner");
+    fs::create_directory_symlink(dir.path() / "real" / "inner", dir.path() / "link");
+    const fs::path previous = fs::current_path();
+    fs::current_path(dir.path() / "real");
+    const std::u16string cwd = fromUtf8(fs::current_path().native());  // TMPDIR may hold a link
+    EXPECT_EQ(ops.normalizePath(u"a/./b//../c/"), cwd + u"/a/c");
+    EXPECT_EQ(ops.normalizePath(u"."), cwd);
+    fs::current_path(previous);
+    EXPECT_EQ(ops.normalizePath(dir.u16("link") + u"/../x"), dir.u16("x"));  // not <dir>/real/x
+}
+
+TEST_F(Service, GetFilesListsFilesAtAnyDepthAsSpelledButNoFoldersOrLinks) {
     writeFile(dir.path() / "pkg" / "[Content_Types].xml", "types");
     writeFile(dir.path() / "pkg" / ".hidden", "h");
     writeFile(dir.path() / "pkg" / "word" / "media" / "deep" / "image.png", "png");
     fs::create_directories(dir.path() / "pkg" / "empty");
     fs::create_directory_symlink("..", dir.path() / "pkg" / "word" / "up");  // a cycle
-    // The part names of a package are cut from these entries, so the prefix
-    // must be exactly what the caller passed.
+    // Part names are cut from these entries: the prefix is exactly what the caller passed.
     const std::string root = toUtf8(dir.u16()) + "//pkg/.";
     EXPECT_EQ(listed(ops, fromUtf8(root), true),
               (Strings{root + "/.hidden", root + "/[Content_Types].xml", root + "/word/media/deep/image.png"}));
     EXPECT_EQ(listed(ops, fromUtf8(root), false), (Strings{root + "/.hidden", root + "/[Content_Types].xml"}));
-    // The folder the caller names may itself be a link.
-    fs::create_directory_symlink(dir.path() / "pkg" / "word", dir.path() / "named");
+    fs::create_directory_symlink(dir.path() / "pkg" / "word", dir.path() / "named");  // the named folder may be a link
     EXPECT_EQ(listed(ops, dir.u16("named"), true), Strings{toUtf8(dir.u16("named/media/deep/image.png"))});
 }
 
-TEST_F(Strangers, OnlyRegularFilesAreListedReadOrCopiedAndNothingOutsideIsReached) {
+TEST_F(Service, OnlyRegularFilesAreListedReadOrCopiedAndNothingOutsideIsReached) {
     const NoHang noHang;
     writeFile(dir.path() / "pkg" / "a.xml", "A");
-    const std::vector<IrregularEntry> entries = makeIrregularEntries(dir.path() / "pkg" / "sub", dir.path() / "out");
+    std::vector<IrregularEntry> refused = makeIrregularEntries(dir.path() / "pkg" / "sub", dir.path() / "out");
     fs::create_directories(dir.path() / "pkg" / "folder");
+    refused.push_back({"../folder", EISDIR});
     const TreeSnapshot before = snapshotTree(dir.path());
     EXPECT_EQ(listed(ops, dir.u16("pkg"), true), Strings{toUtf8(dir.u16("pkg/a.xml"))});
-    std::vector<IrregularEntry> refused = entries;
-    refused.push_back({"../folder", EISDIR});
     for (const IrregularEntry& entry : refused) {
         SCOPED_TRACE(entry.name);
         const std::u16string path = dir.u16("pkg/sub/" + entry.name);
@@ -65,123 +99,202 @@ TEST_F(Strangers, OnlyRegularFilesAreListedReadOrCopiedAndNothingOutsideIsReache
     EXPECT_EQ(snapshotTree(dir.path()), before);
 }
 
-TEST_F(Folders, ExistsAndIsFolderFollowLinksAndAnswerFalseForPathsThatDoNotResolve) {
+TEST_F(Service, ExistsAndIsFolderFollowLinksAndAnswerFalseForPathsThatDoNotResolve) {
     writeFile(dir.path() / "file", "f");
     fs::create_directory(dir.path() / "folder");
     fs::create_directory_symlink(dir.path() / "folder", dir.path() / "to-folder");
     fs::create_symlink(dir.path() / "file", dir.path() / "to-file");
     fs::create_symlink(dir.path() / "gone", dir.path() / "dangling");
     fs::create_symlink("loop", dir.path() / "loop");
-    const std::vector<std::tuple<std::string, bool, bool>> cases = {
-        {"file", true, false},        {"folder", true, true},     {"to-folder", true, true},
-        {"to-file", true, false},     {"dangling", false, false}, {"missing", false, false},
-        {"file/below", false, false}, {"loop", false, false},     {std::string(300, 'n'), false, false}};
-    for (const auto& [name, exists, isFolder] : cases) {
-        SCOPED_TRACE(name);
-        EXPECT_EQ(ops.exists(dir.u16(name)), exists);
-        EXPECT_EQ(ops.isFolder(dir.u16(name)), isFolder);
+    for (const auto& [name, exists, isFolder] :
+         std::vector<std::tuple<std::string, bool, bool>>{{"file", true, false},
+                                                          {"folder", true, true},
+                                                          {"to-folder", true, true},
+                                                          {"to-file", true, false},
+                                                          {"dangling", false, false},
+                                                          {"missing", false, false},
+                                                          {"file/below", false, false},
+                                                          {"loop", false, false},
+                                                          {std::string(300, 'n'), false, false}}) {
+        EXPECT_EQ(ops.exists(dir.u16(name)), exists) << name;
+        EXPECT_EQ(ops.isFolder(dir.u16(name)), isFolder) << name;
     }
+    // A NUL character names no file.
+    const std::u16string cut = dir.u16("file") + std::u16string(1, u'\0') + u"b";
+    EXPECT_FALSE(ops.exists(cut));
+    EXPECT_FALSE(ops.isFolder(dir.u16() + std::u16string(1, u'\0')));
 }
 
-TEST_F(Folders, GetTempNameGivesAHiddenFreshNameEachTimeAndMakesNothing) {
+TEST_F(Service, GetTempNameGivesAHiddenFreshNameEachTimeAndMakesNothing) {
     std::set<std::u16string> seen;
     for (int i = 0; i < 20; ++i) {
         const std::u16string name = ops.getTempName(dir.u16());
         EXPECT_EQ(ops.getParentPath(name), dir.u16());
         EXPECT_EQ(name[dir.u16().size() + 1], u'.');
-        EXPECT_FALSE(ops.exists(name));
         EXPECT_TRUE(seen.insert(name).second) << "repeated " << toUtf8(name);
         EXPECT_EQ(listFolder(dir.path()).size(), static_cast<std::size_t>(i));
         writeFile(toUtf8(name), "in use");
     }
 }
 
-TEST_F(Folders, CreateFoldersMakesEveryLevelInBothFormsAndFailsBelowAFile) {
-    writeFile(dir.path() / "file", "f");
+// Each operation, failing, throws (or reports) the system's code under a
+// message naming it and its paths, and changes nothing on disk.
+TEST_F(Service, EveryOperationFailsWithItsMessageAndCodeAndChangesNothing) {
+    writeFile(dir.path() / "file", std::string("a\0b\xFF", 4));
+    writeFile(dir.path() / "full" / "b.xml", "to");
+    fs::create_directories(dir.path() / "empty");  // a plain rename(2) would replace this one
+    fs::create_symlink(dir.path() / "file", dir.path() / "link");
+    fs::create_symlink("created-by-link", dir.path() / "dangling");
+    ASSERT_EQ(::mkfifo((dir.path() / "fifo").c_str(), 0600), 0);
+    const TreeSnapshot before = snapshotTree(dir.path());
+    const auto at = [&](const char* name) { return dir.u16(name); };
+    const std::u16string tooLong = dir.u16(std::string(300, 'n'));
+    const auto replacing = [&](const char* from, const char* to) {
+        return "Cannot replace \"" + toUtf8(at(to)) + "\" by \"" + toUtf8(at(from)) + "\"";
+    };
+    const auto sizing = [&](const char* name) { return "Cannot read the size of \"" + toUtf8(at(name)) + "\""; };
+    const auto lock = [&](const char* name, LockMode mode = LockMode::Shared) {
+        return [&, name, mode] { ops.lockFile(at(name), mode, std::nullopt); };
+    };
+    std::vector<std::u16string> files;
+    struct Failure {
+        std::function<void()> call;
+        std::string message;
+        int errorValue;
+    };
+    for (const Failure& failure : std::vector<Failure>{
+             {[&] { ops.getFiles(at("missing"), files, true); }, message("list folder", at("missing")), ENOENT},
+             {[&] { ops.createFolders(at("file/sub")); }, message("create folder", at("file/sub")), ENOTDIR},
+             {[&] { ops.copy(at("missing"), at("new"), ExistsMode::Overwrite); },
+              message("copy", at("missing"), at("new")), ENOENT},
+             {[&] { ops.copy(at("file"), at("full/b.xml"), ExistsMode::Fail); },
+              message("copy", at("file"), at("full/b.xml")), EEXIST},
+             {[&] { ops.rename(at("missing"), at("new")); }, message("rename", at("missing"), at("new")), ENOENT},
+             {[&] { ops.rename(at("file"), at("full")); }, message("rename", at("file"), at("full")), EEXIST},
+             {[&] { ops.rename(at("full"), at("empty")); }, message("rename", at("full"), at("empty")), EEXIST},
+             {[&] { ops.removeAll(tooLong); }, message("remove", tooLong), ENAMETOOLONG},
+             {[&] { ops.fileSize(at("")); }, sizing(""), EISDIR},
+             {[&] { ops.fileSize(at("missing")); }, sizing("missing"), ENOENT},
+             {[&] { ops.fileSize(at("file/below")); }, sizing("file/below"), ENOTDIR},
+             {[&] { ops.fileSize(at("link")); }, sizing("link"), ELOOP},
+             {[&] { ops.fileSize(at("fifo")); }, sizing("fifo"), ENXIO},
+             {[&] { ops.replaceFile(at("file"), at("full")); }, replacing("file", "full"), EISDIR},
+             {[&] { ops.replaceFile(at("missing"), at("file")); }, replacing("missing", "file"), ENOENT},
+             {[&] { ops.replaceFile(at("full"), at("moved")); }, replacing("full", "moved"), EISDIR},
+             {[&] { ops.replaceFile(at("link"), at("file")); }, replacing("link", "file"), ELOOP},
+             {lock("missing/lock"), message("lock", at("missing/lock")), ENOENT},
+             {lock("full"), message("lock", at("full")), EISDIR},
+             {lock("link"), message("lock", at("link")), ELOOP},
+             {lock("dangling"), message("lock", at("dangling")), ELOOP},  // nothing made through it
+             {lock("fifo"), message("lock", at("fifo")), ENXIO},          // opened, it would block a reader
+             {lock("other", static_cast<LockMode>(2)), message("lock", at("other")), EINVAL}}) {
+        EXPECT_OPC_EXCEPTION(failure.call(), failure.message, systemCode(failure.errorValue));
+    }
+    const std::u16string cut = at("file") + std::u16string(1, u'\0') + u"b";
+    try {  // what() is a C string: the message ends at the NUL
+        ops.removeAll(cut);
+        ADD_FAILURE() << "nothing thrown";
+    } catch (const opc::Exception& e) {
+        EXPECT_EQ(e.code(), systemCode(EINVAL));
+    }
+    std::vector<boost::system::error_code> codes(5);
+    ops.createFolders(at("file/sub"), codes[0]);
+    ops.createFolders(at("file"), codes[1]);
+    EXPECT_EQ(ops.createInputStream(at("missing"), kIn, codes[2]), nullptr);
+    EXPECT_EQ(ops.createInputStream(cut, kIn, codes[3]), nullptr);
+    EXPECT_EQ(ops.createOutputStream(cut, kOut, codes[4]), nullptr);
+    EXPECT_EQ(codes,
+              (std::vector<boost::system::error_code>{systemCode(ENOTDIR), systemCode(EEXIST), systemCode(ENOENT),
+                                                      systemCode(EINVAL), systemCode(EINVAL)}));
+    EXPECT_EQ(snapshotTree(dir.path()), before);
+}
+
+TEST_F(Service, FoldersStreamsSizesAndLocksDoWhatTheyName) {
     ops.createFolders(dir.u16("a/b"));
     ops.createFolders(dir.u16("a/b"));
     boost::system::error_code code;
     ops.createFolders(dir.u16("x/y"), code);
     EXPECT_FALSE(code) << code.message();
-    ops.createFolders(dir.u16("file/sub"), code);
-    EXPECT_EQ(code, systemCode(ENOTDIR));
-    ops.createFolders(dir.u16("file"), code);
-    EXPECT_EQ(code, systemCode(EEXIST));
-    EXPECT_EQ(snapshotTree(dir.path()),
-              (TreeSnapshot{{"a/", ""}, {"a/b/", ""}, {"file", "f"}, {"x/", ""}, {"x/y/", ""}}));
-}
-
-TEST_F(Streams, MissingInputIsReportedAsNoSuchFileWithoutThrowing) {
-    boost::system::error_code code;
-    std::shared_ptr<std::istream> in;
-    EXPECT_NO_THROW(in = ops.createInputStream(dir.u16("missing.xml"), kIn, code));
-    EXPECT_EQ(in, nullptr);
-    EXPECT_EQ(code, systemCode(ENOENT));
-}
-
-TEST_F(Streams, OutputEmptiesAnExistingFile) {
     writeFile(dir.path() / "part.xml", "a long old content that must not survive");
-    boost::system::error_code code;
     auto out = ops.createOutputStream(dir.u16("part.xml"), kOut, code);
     ASSERT_NE(out, nullptr) << code.message();
-    EXPECT_EQ(fs::file_size(dir.path() / "part.xml"), 0u);
+    EXPECT_EQ(fs::file_size(dir.path() / "part.xml"), 0u);  // emptied at once
     *out << "new";
     out.reset();
-    EXPECT_EQ(readFile(dir.path() / "part.xml"), "new");
-}
-
-TEST_F(Messages, NameTheOperationAndPathsWithTheSystemWording) {
-    writeFile(dir.path() / "file", "content");
-    const std::u16string missing = dir.u16("missing");
-    const std::u16string target = dir.u16("target");
-    const std::u16string tooLong = dir.u16(std::string(300, 'n'));
-    struct Case {
-        std::function<void()> call;
-        std::string message;
-        int errorValue;
-    };
-    std::vector<std::u16string> files;
-    const std::vector<Case> cases = {
-        {[&] { ops.getFiles(missing, files, true); }, message("list folder", missing), ENOENT},
-        {[&] { ops.createFolders(dir.u16("file/sub")); }, message("create folder", dir.u16("file/sub")), ENOTDIR},
-        {[&] { ops.copy(missing, target, ExistsMode::Overwrite); }, message("copy", missing, target), ENOENT},
-        {[&] { ops.rename(missing, target); }, message("rename", missing, target), ENOENT},
-        {[&] { ops.removeAll(tooLong); }, message("remove", tooLong), ENAMETOOLONG},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.message);
-        const auto [what, code] = caught(c.call);
-        EXPECT_EQ(what, c.message);
-        EXPECT_EQ(code, systemCode(c.errorValue));
-        EXPECT_EQ(code.message(), std::strerror(c.errorValue));
-    }
-}
-
-TEST_F(Locks, MakeAMissingFileKeepAnExistingOneAndRefuseWhatIsNoRegularFile) {
-    writeFile(dir.path() / "kept", "bytes");
-    fs::create_directory(dir.path() / "folder");
-    fs::create_symlink("created-by-link", dir.path() / "link");
+    writeFile(dir.path() / "big", std::string(70000, 'x'));
+    EXPECT_EQ(ops.fileSize(dir.u16("big")), 70000u);
+    EXPECT_EQ(ops.fileSize(dir.u16("part.xml")), 3u);
     for (const LockMode mode : {LockMode::Shared, LockMode::Exclusive}) {
-        EXPECT_NE(ops.lockFile(dir.u16("made"), mode, std::nullopt), nullptr);
-        EXPECT_NE(ops.lockFile(dir.u16("kept"), mode, std::chrono::seconds(0)), nullptr);
+        EXPECT_NE(ops.lockFile(dir.u16("made"), mode, std::nullopt), nullptr);  // made when missing
+        EXPECT_NE(ops.lockFile(dir.u16("part.xml"), mode, std::chrono::seconds(0)), nullptr);
     }
+    fs::remove(dir.path() / "big");
+    EXPECT_EQ(snapshotTree(dir.path()),
+              (TreeSnapshot{{"a/", ""}, {"a/b/", ""}, {"made", ""}, {"part.xml", "new"}, {"x/", ""}, {"x/y/", ""}}));
+}
+
+TEST_F(Service, CopyOfAFileLargerThan64MiBIsByteForByte) {
+    // Pseudo-random bytes, so a skipped, doubled or shifted block shows.
+    std::string content((std::size_t{64} << 20) + 12345, '\0');
+    std::uint64_t x = 7;
+    for (char& byte : content) byte = static_cast<char>((x = x * 6364136223846793005u + 1442695040888963407u) >> 56);
+    writeFile(dir.path() / "big", content);
+    ops.copy(dir.u16("big"), dir.u16("copy"), ExistsMode::Fail);
+    const std::string copied = readFile(dir.path() / "copy");
+    ASSERT_EQ(copied.size(), content.size());
+    EXPECT_TRUE(copied == content) << "bytes differ";
+}
+
+TEST_F(Service, CopySkipsOrOverwritesAndNeverDestroysAFileCopiedOntoItself) {
+    const std::string bytes("a\0b\xFF", 4);
+    writeFile(dir.path() / "from", bytes);
+    writeFile(dir.path() / "to", "a longer old content");
     const TreeSnapshot before = snapshotTree(dir.path());
-    ASSERT_EQ(::mkfifo((dir.path() / "fifo").c_str(), 0600), 0);  // opened, it would block a reader of the tree
-    const std::vector<std::pair<std::string, int>> refused = {
-        {"missing/lock", ENOENT}, {"folder", EISDIR}, {"link", ELOOP}, {"fifo", ENXIO}};
-    for (const auto& [name, errorValue] : refused) {
-        SCOPED_TRACE(name);
-        const auto [what, code] = caught([&] { ops.lockFile(dir.u16(name), LockMode::Shared, std::nullopt); });
-        EXPECT_EQ(what, message("lock", dir.u16(name)));
-        EXPECT_EQ(code, systemCode(errorValue));
-    }
-    const auto [what, code] = caught([&] { ops.lockFile(dir.u16("other"), static_cast<LockMode>(2), std::nullopt); });
-    EXPECT_EQ(what, message("lock", dir.u16("other")));
-    EXPECT_EQ(code, systemCode(EINVAL));
-    fs::remove(dir.path() / "fifo");
+    ops.copy(dir.u16("from"), dir.u16("to"), ExistsMode::Skip);
     EXPECT_EQ(snapshotTree(dir.path()), before);
-    EXPECT_EQ(readFile(dir.path() / "made"), "");
-    EXPECT_EQ(readFile(dir.path() / "kept"), "bytes");
+    ops.copy(dir.u16("from"), dir.u16("to"), ExistsMode::Overwrite);
+    ops.copy(dir.u16("from"), dir.u16("new"), ExistsMode::Skip);
+    EXPECT_EQ(snapshotTree(dir.path()), (TreeSnapshot{{"from", bytes}, {"new", bytes}, {"to", bytes}}));
+
+    fs::create_directories(dir.path() / "sub");
+    fs::create_hard_link(dir.path() / "from", dir.path() / "hardlink");
+    const TreeSnapshot linked = snapshotTree(dir.path());
+    for (const ExistsMode mode : {ExistsMode::Overwrite, ExistsMode::Fail, ExistsMode::Skip}) {
+        for (const std::u16string& to : {dir.u16() + u"/sub/../from", dir.u16("hardlink")}) {
+            try {
+                ops.copy(dir.u16("from"), to, mode);
+            } catch (const opc::Exception& e) {
+                EXPECT_TRUE(e.code()) << e.what();
+            }
+            EXPECT_EQ(snapshotTree(dir.path()), linked) << "mode " << static_cast<int>(mode) << " " << toUtf8(to);
+        }
+    }
+}
+
+TEST_F(Service, RemoveAllTakesALinkWithoutItsTargetAndAMissingPathIsNoFailure) {
+    writeFile(dir.path() / "target" / "inner" / "file.xml", "target's");
+    writeFile(dir.path() / "pkg" / "part.xml", "part");
+    fs::create_directory_symlink(dir.path() / "target", dir.path() / "pkg" / "link");
+    fs::create_directory_symlink(dir.path() / "target", dir.path() / "topLink");
+    const TreeSnapshot target = snapshotTree(dir.path() / "target");
+    ops.removeAll(dir.u16("pkg"));
+    ops.removeAll(dir.u16("topLink"));
+    ops.removeAll(dir.u16("missing/deeper"));
+    boost::system::error_code code;
+    ops.removeAll(dir.u16("missing"), code);
+    EXPECT_FALSE(code) << code.message();
+    EXPECT_EQ(listFolder(dir.path()), Strings{"target"});
+    EXPECT_EQ(snapshotTree(dir.path() / "target"), target);
+}
+
+TEST_F(Service, ReplaceFilePutsAFileInPlaceOfAFileOrOfNothing) {
+    const std::string bytes("new\0content\xff", 12);
+    writeFile(dir.path() / "tmp", bytes);
+    writeFile(dir.path() / "out.zip", "an old archive, longer than the new one");
+    ops.replaceFile(dir.u16("tmp"), dir.u16("out.zip"));
+    writeFile(dir.path() / "tmp2", "second");
+    ops.replaceFile(dir.u16("tmp2"), dir.u16("fresh.zip"));
+    EXPECT_EQ(snapshotTree(dir.path()), (TreeSnapshot{{"fresh.zip", "second"}, {"out.zip", bytes}}));
 }
 
 }  // namespace

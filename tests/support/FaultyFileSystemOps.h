@@ -1,42 +1,37 @@
 #pragma once
 
+#include <opccore/Exception.h>
 #include <opccore/LocalFileSystemOps.h>
 
 #include <boost/system/error_code.hpp>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <functional>
+#include <limits>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace opc::test {
 
-// Every hook of FileSystemOps; the reporting forms have names of their own.
-enum class Hook {
-    AppendPath,
-    NormalizePath,
-    GetParentPath,
-    GetTempName,
-    Exists,
-    IsFolder,
-    GetFiles,
-    CreateFolders,           // throwing form
-    CreateFoldersReporting,  // error_code form
-    CreateInputStream,
-    CreateOutputStream,
-    Copy,
-    Rename,
-    RemoveAll,           // throwing form
-    RemoveAllReporting,  // error_code form
-    LockFile,
-    FileSize,
-    ReplaceFile,
-    Recover,
-};
+// Every hook of FileSystemOps; the error_code forms of createFolders and
+// removeAll ("Reporting") have names of their own.
+// clang-format off
+enum class Hook { AppendPath, NormalizePath, GetParentPath, GetTempName, Exists, IsFolder, GetFiles, CreateFolders,
+                  CreateFoldersReporting, CreateInputStream, CreateOutputStream, Copy, Rename, RemoveAll,
+                  RemoveAllReporting, LockFile, FileSize, ReplaceFile, Recover };
+// clang-format on
 
-const char* hookName(Hook hook);
+inline const char* hookName(Hook hook) {
+    // clang-format off
+    static const char* const names[] = {"appendPath", "normalizePath", "getParentPath", "getTempName", "exists",
+        "isFolder", "getFiles", "createFolders", "createFolders(ec)", "createInputStream", "createOutputStream", "copy",
+        "rename", "removeAll", "removeAll(ec)", "lockFile", "fileSize", "replaceFile", "recover"};
+    // clang-format on
+    return names[static_cast<int>(hook)];
+}
 
 struct Call {
     Hook hook;
@@ -47,62 +42,92 @@ struct Call {
 
 // The local file system, with failures injected on request and every call
 // recorded. Calls are numbered from 1, both across all hooks ("global") and
-// per hook.
-//
-// A failing throwing hook throws opc::Exception("injected <hook> failure",
-// code); a failing reporting hook sets the code and returns nothing. Hooks
-// without a failure channel of their own (exists, appendPath, ...) throw.
+// per hook. A failing hook with an error_code sets the code and returns
+// nothing; any other throws opc::Exception("injected <hook> failure", code).
 class FaultyFileSystemOps : public opc::LocalFileSystemOps {
 public:
     // Fails the calls of hook whose per-hook number lies in [first, last].
-    void failCalls(Hook hook, std::size_t first, std::size_t last, int errorValue = EIO);
+    void failCalls(Hook hook, std::size_t first, std::size_t last, int errorValue = EIO) {
+        rules.push_back({hook, first, last, errorValue});
+    }
     void failCall(Hook hook, std::size_t number, int errorValue = EIO) { failCalls(hook, number, number, errorValue); }
-    // Fails the calls whose global number lies in [first, last].
-    void failGlobalCalls(std::size_t first, std::size_t last, int errorValue = EIO);
-    void failGlobalCall(std::size_t number, int errorValue = EIO) { failGlobalCalls(number, number, errorValue); }
+    void failGlobalCall(std::size_t number, int errorValue = EIO) {
+        rules.push_back({std::nullopt, number, number, errorValue});
+    }
     // Fails every call from the global number first on.
-    void failFrom(std::size_t first, int errorValue = EIO);
-    // Drops every rule; the recorded calls stay.
-    void clearFailures();
-    // Forgets the recorded calls and restarts the numbering.
-    void clearCalls();
-
+    void failFrom(std::size_t first, int errorValue = EIO) {
+        rules.push_back({std::nullopt, first, std::numeric_limits<std::size_t>::max(), errorValue});
+    }
+    void clearFailures() { rules.clear(); }  // the recorded calls stay
+    void clearCalls() { recorded.clear(); }  // and the numbering restarts
     // Runs before each call is carried out (after it is recorded).
     void setBeforeCall(std::function<void(const Call&)> callback) { beforeCall = std::move(callback); }
 
     const std::vector<Call>& calls() const { return recorded; }
-    std::size_t count(Hook hook) const;
-    std::size_t failures() const;
-
-    // The code an injected failure with errorValue carries.
-    static boost::system::error_code injectedCode(int errorValue = EIO);
+    std::size_t count(Hook hook) const {
+        return static_cast<std::size_t>(
+            std::count_if(recorded.begin(), recorded.end(), [hook](const Call& call) { return call.hook == hook; }));
+    }
+    std::size_t failures() const {
+        return static_cast<std::size_t>(
+            std::count_if(recorded.begin(), recorded.end(), [](const Call& call) { return call.failed; }));
+    }
+    static boost::system::error_code injectedCode(int errorValue = EIO) {
+        return boost::system::error_code(errorValue, boost::system::system_category());
+    }
 
 protected:
-    std::u16string appendPathImpl(const std::u16string& folder, const std::u16string& relativePath) override;
-    std::u16string normalizePathImpl(const std::u16string& path) override;
-    std::u16string getParentPathImpl(const std::u16string& path) override;
-    std::u16string getTempNameImpl(const std::u16string& folder) override;
-    bool existsImpl(const std::u16string& path) override;
-    bool isFolderImpl(const std::u16string& path) override;
-    void getFilesImpl(const std::u16string& folder, std::vector<std::u16string>& files, bool recursive) override;
-    void createFoldersImpl(const std::u16string& path) override;
-    void createFoldersImpl(const std::u16string& path, boost::system::error_code& errorCode) noexcept override;
-    std::shared_ptr<std::istream> createInputStreamImpl(const std::u16string& path,
-                                                        std::ios_base::openmode openMode,
-                                                        boost::system::error_code& errorCode) noexcept override;
-    std::shared_ptr<std::ostream> createOutputStreamImpl(const std::u16string& path,
-                                                         std::ios_base::openmode openMode,
-                                                         boost::system::error_code& errorCode) noexcept override;
-    void copyImpl(const std::u16string& from, const std::u16string& to, ExistsMode existsMode) override;
-    void renameImpl(const std::u16string& from, const std::u16string& to) override;
-    void removeAllImpl(const std::u16string& path) override;
-    void removeAllImpl(const std::u16string& path, boost::system::error_code& errorCode) noexcept override;
-    std::unique_ptr<FileLock> lockFileImpl(const std::u16string& path,
-                                           LockMode mode,
-                                           std::optional<std::chrono::nanoseconds> timeout) override;
-    std::uint64_t fileSizeImpl(const std::u16string& path) override;
-    void replaceFileImpl(const std::u16string& from, const std::u16string& to) override;
-    RecoveryReport recoverImpl(const std::u16string& packagePath) override;
+    using Path = const std::u16string&;
+    using Code = boost::system::error_code;
+    using Mode = std::ios_base::openmode;
+    using Timeout = std::optional<std::chrono::nanoseconds>;
+// A hook that records its call, throws when it is to fail, else does what the local one does.
+#define OPC_FAULTY_HOOK(Result, hook, name, parameters, arguments, ...)                        \
+    Result name parameters override {                                                          \
+        if (const int errorValue = enter(Hook::hook, __VA_ARGS__)) {                           \
+            throw opc::Exception(std::string("injected ") + hookName(Hook::hook) + " failure", \
+                                 injectedCode(errorValue));                                    \
+        }                                                                                      \
+        return LocalFileSystemOps::name arguments;                                             \
+    }
+// The same for a hook that reports its failure in errorCode.
+#define OPC_FAULTY_REPORTING_HOOK(Result, hook, name, parameters, arguments) \
+    Result name parameters noexcept override {                               \
+        if (const int errorValue = enter(Hook::hook, path)) {                \
+            errorCode = injectedCode(errorValue);                            \
+            return Result();                                                 \
+        }                                                                    \
+        return LocalFileSystemOps::name arguments;                           \
+    }
+    // clang-format off
+    OPC_FAULTY_HOOK(std::u16string, AppendPath, appendPathImpl, (Path folder, Path relative), (folder, relative),
+                    folder, relative)
+    OPC_FAULTY_HOOK(std::u16string, NormalizePath, normalizePathImpl, (Path path), (path), path)
+    OPC_FAULTY_HOOK(std::u16string, GetParentPath, getParentPathImpl, (Path path), (path), path)
+    OPC_FAULTY_HOOK(std::u16string, GetTempName, getTempNameImpl, (Path folder), (folder), folder)
+    OPC_FAULTY_HOOK(bool, Exists, existsImpl, (Path path), (path), path)
+    OPC_FAULTY_HOOK(bool, IsFolder, isFolderImpl, (Path path), (path), path)
+    OPC_FAULTY_HOOK(void, GetFiles, getFilesImpl, (Path folder, std::vector<std::u16string>& files, bool recursive),
+                    (folder, files, recursive), folder)
+    OPC_FAULTY_HOOK(void, CreateFolders, createFoldersImpl, (Path path), (path), path)
+    OPC_FAULTY_REPORTING_HOOK(void, CreateFoldersReporting, createFoldersImpl, (Path path, Code& errorCode),
+                              (path, errorCode))
+    OPC_FAULTY_REPORTING_HOOK(std::shared_ptr<std::istream>, CreateInputStream, createInputStreamImpl,
+                              (Path path, Mode mode, Code& errorCode), (path, mode, errorCode))
+    OPC_FAULTY_REPORTING_HOOK(std::shared_ptr<std::ostream>, CreateOutputStream, createOutputStreamImpl,
+                              (Path path, Mode mode, Code& errorCode), (path, mode, errorCode))
+    OPC_FAULTY_HOOK(void, Copy, copyImpl, (Path from, Path to, ExistsMode mode), (from, to, mode), from, to)
+    OPC_FAULTY_HOOK(void, Rename, renameImpl, (Path from, Path to), (from, to), from, to)
+    OPC_FAULTY_HOOK(void, RemoveAll, removeAllImpl, (Path path), (path), path)
+    OPC_FAULTY_REPORTING_HOOK(void, RemoveAllReporting, removeAllImpl, (Path path, Code& errorCode), (path, errorCode))
+    OPC_FAULTY_HOOK(std::unique_ptr<FileLock>, LockFile, lockFileImpl, (Path path, LockMode mode, Timeout timeout),
+                    (path, mode, timeout), path)
+    OPC_FAULTY_HOOK(std::uint64_t, FileSize, fileSizeImpl, (Path path), (path), path)
+    OPC_FAULTY_HOOK(void, ReplaceFile, replaceFileImpl, (Path from, Path to), (from, to), from, to)
+    OPC_FAULTY_HOOK(RecoveryReport, Recover, recoverImpl, (Path path), (path), path)
+    // clang-format on
+#undef OPC_FAULTY_HOOK
+#undef OPC_FAULTY_REPORTING_HOOK
 
 private:
     struct Rule {
@@ -113,9 +138,21 @@ private:
     };
 
     // Records the call; returns the error value to inject, or 0.
-    int enter(Hook hook, const std::u16string& path, const std::u16string& second = {});
-    // enter() for hooks that fail by throwing.
-    void enterThrowing(Hook hook, const std::u16string& path, const std::u16string& second = {});
+    int enter(Hook hook, Path path, Path second = {}) {
+        recorded.push_back({hook, path, second, false});
+        const std::size_t global = recorded.size(), perHook = count(hook);
+        int errorValue = 0;
+        for (const Rule& rule : rules) {
+            const std::size_t number = rule.hook ? (*rule.hook == hook ? perHook : 0) : global;
+            if (number != 0 && number >= rule.first && number <= rule.last) {
+                errorValue = rule.errorValue;
+                break;
+            }
+        }
+        recorded.back().failed = errorValue != 0;
+        if (beforeCall) beforeCall(recorded.back());
+        return errorValue;
+    }
 
     std::vector<Rule> rules;
     std::vector<Call> recorded;

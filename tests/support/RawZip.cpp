@@ -40,12 +40,12 @@ std::string sharedFields(const RawZip::Entry& entry) {
            le(entry.size, 4) + le(entry.name.size(), 2) + le(0, 2);
 }
 
-}  // namespace
-
 std::uint32_t crc32Of(const std::string& bytes) {
     return static_cast<std::uint32_t>(
         crc32(0, reinterpret_cast<const Bytef*>(bytes.data()), static_cast<uInt>(bytes.size())));
 }
+
+}  // namespace
 
 RawZip::Entry& RawZip::stored(std::string name, const std::string& content) {
     return entries.emplace_back(Entry{std::move(name), content, 0, crc32Of(content),

@@ -41,6 +41,4 @@ private:
     std::deque<Entry> entries;  // references stay valid as entries are added
 };
 
-std::uint32_t crc32Of(const std::string& bytes);
-
 }  // namespace opc::test

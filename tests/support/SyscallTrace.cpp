@@ -13,7 +13,6 @@
 namespace opc::test {
 namespace {
 
-bool recording = false;
 std::size_t killNumber = 0;
 std::size_t counted = 0;
 std::vector<SyscallEvent>* events = nullptr;
@@ -34,11 +33,11 @@ std::string pathAt(int folder, const char* path) {
     return path[0] == '\0' ? pathOf(folder) : pathOf(folder) + "/" + path;
 }
 
-// Paths are looked up only while recording.
+// Paths are looked up only while recording: readlink is no call to count.
 template <class Paths>
 void enter(const char* call, Paths paths) {
     if (killNumber != 0 && ++counted == killNumber) ::raise(SIGKILL);
-    if (recording && events != nullptr) {
+    if (events != nullptr) {
         SyscallEvent event = paths();
         event.call = call;
         events->push_back(std::move(event));
@@ -55,11 +54,9 @@ Function real(const char* name) {
 void SyscallTrace::startRecording() {
     delete events;
     events = new std::vector<SyscallEvent>();
-    recording = true;
 }
 
 std::vector<SyscallEvent> SyscallTrace::stopRecording() {
-    recording = false;
     std::vector<SyscallEvent> result = events != nullptr ? std::move(*events) : std::vector<SyscallEvent>();
     delete events;
     events = nullptr;
@@ -71,8 +68,6 @@ void SyscallTrace::killAt(std::size_t n) {
     counted = 0;
 }
 
-std::size_t SyscallTrace::calls() { return counted; }
-
 }  // namespace opc::test
 
 using opc::test::enter;
@@ -82,89 +77,33 @@ using opc::test::real;
 using opc::test::SyscallEvent;
 
 // NOLINTBEGIN: these replace the C library's functions of the same names.
+// TRACE(result, name, (parameters), (arguments), path, second) defines name
+// to record itself, with the paths it names, then call the C library's.
+#define TRACE(Result, name, parameters, arguments, path, second)      \
+    Result name parameters {                                          \
+        enter(#name, [&] { return SyscallEvent{"", path, second}; }); \
+        return real<Result(*) parameters>(#name) arguments;           \
+    }
 extern "C" {
-
-int mkdir(const char* path, mode_t mode) {
-    enter("mkdir", [&] { return SyscallEvent{"", path, ""}; });
-    return real<int (*)(const char*, mode_t)>("mkdir")(path, mode);
-}
-
-int rename(const char* from, const char* to) {
-    enter("rename", [&] { return SyscallEvent{"", from, to}; });
-    return real<int (*)(const char*, const char*)>("rename")(from, to);
-}
-
-int renameat2(int fromFolder, const char* from, int toFolder, const char* to, unsigned flags) {
-    enter("renameat2", [&] { return SyscallEvent{"", pathAt(fromFolder, from), pathAt(toFolder, to)}; });
-    return real<int (*)(int, const char*, int, const char*, unsigned)>("renameat2")(fromFolder, from, toFolder, to,
-                                                                                    flags);
-}
-
-int unlink(const char* path) {
-    enter("unlink", [&] { return SyscallEvent{"", path, ""}; });
-    return real<int (*)(const char*)>("unlink")(path);
-}
-
-int unlinkat(int folder, const char* path, int flags) {
-    enter("unlinkat", [&] { return SyscallEvent{"", pathAt(folder, path), ""}; });
-    return real<int (*)(int, const char*, int)>("unlinkat")(folder, path, flags);
-}
-
-int rmdir(const char* path) {
-    enter("rmdir", [&] { return SyscallEvent{"", path, ""}; });
-    return real<int (*)(const char*)>("rmdir")(path);
-}
-
-int remove(const char* path) {
-    enter("remove", [&] { return SyscallEvent{"", path, ""}; });
-    return real<int (*)(const char*)>("remove")(path);
-}
-
-int fsync(int fd) {
-    enter("fsync", [&] { return SyscallEvent{"", pathOf(fd), ""}; });
-    return real<int (*)(int)>("fsync")(fd);
-}
-
-int fdatasync(int fd) {
-    enter("fdatasync", [&] { return SyscallEvent{"", pathOf(fd), ""}; });
-    return real<int (*)(int)>("fdatasync")(fd);
-}
-
-int syncfs(int fd) {
-    enter("syncfs", [&] { return SyscallEvent{"", pathOf(fd), ""}; });
-    return real<int (*)(int)>("syncfs")(fd);
-}
-
-int flock(int fd, int operation) {
-    enter("flock", [&] { return SyscallEvent{"", pathOf(fd), ""}; });
-    return real<int (*)(int, int)>("flock")(fd, operation);
-}
-
-int fchmod(int fd, mode_t mode) {
-    enter("fchmod", [&] { return SyscallEvent{"", pathOf(fd), ""}; });
-    return real<int (*)(int, mode_t)>("fchmod")(fd, mode);
-}
-
-int fchmodat(int folder, const char* path, mode_t mode, int flags) {
-    enter("fchmodat", [&] { return SyscallEvent{"", pathAt(folder, path), ""}; });
-    return real<int (*)(int, const char*, mode_t, int)>("fchmodat")(folder, path, mode, flags);
-}
-
-int fchown(int fd, uid_t owner, gid_t group) {
-    enter("fchown", [&] { return SyscallEvent{"", pathOf(fd), ""}; });
-    return real<int (*)(int, uid_t, gid_t)>("fchown")(fd, owner, group);
-}
-
-int fchownat(int folder, const char* path, uid_t owner, gid_t group, int flags) {
-    enter("fchownat", [&] { return SyscallEvent{"", pathAt(folder, path), ""}; });
-    return real<int (*)(int, const char*, uid_t, gid_t, int)>("fchownat")(folder, path, owner, group, flags);
-}
-
-ssize_t copy_file_range(int from, off64_t* fromOffset, int to, off64_t* toOffset, size_t size, unsigned flags) {
-    enter("copy_file_range", [&] { return SyscallEvent{"", pathOf(from), pathOf(to)}; });
-    return real<ssize_t (*)(int, off64_t*, int, off64_t*, size_t, unsigned)>("copy_file_range")(from, fromOffset, to,
-                                                                                                toOffset, size, flags);
-}
-
+// clang-format off
+TRACE(int, mkdir, (const char* p, mode_t m), (p, m), p, "")
+TRACE(int, rename, (const char* from, const char* to), (from, to), from, to)
+TRACE(int, renameat2, (int fromAt, const char* from, int toAt, const char* to, unsigned flags),
+      (fromAt, from, toAt, to, flags), pathAt(fromAt, from), pathAt(toAt, to))
+TRACE(int, unlink, (const char* p), (p), p, "")
+TRACE(int, unlinkat, (int at, const char* p, int flags), (at, p, flags), pathAt(at, p), "")
+TRACE(int, rmdir, (const char* p), (p), p, "")
+TRACE(int, remove, (const char* p), (p), p, "")
+TRACE(int, fsync, (int fd), (fd), pathOf(fd), "")
+TRACE(int, syncfs, (int fd), (fd), pathOf(fd), "")
+TRACE(int, flock, (int fd, int operation), (fd, operation), pathOf(fd), "")
+TRACE(int, fchmod, (int fd, mode_t m), (fd, m), pathOf(fd), "")
+TRACE(int, fchmodat, (int at, const char* p, mode_t m, int flags), (at, p, m, flags), pathAt(at, p), "")
+TRACE(int, fchown, (int fd, uid_t owner, gid_t group), (fd, owner, group), pathOf(fd), "")
+TRACE(int, fchownat, (int at, const char* p, uid_t owner, gid_t group, int flags), (at, p, owner, group, flags),
+      pathAt(at, p), "")
+TRACE(ssize_t, copy_file_range, (int from, off64_t* fromOffset, int to, off64_t* toOffset, size_t size, unsigned flags),
+      (from, fromOffset, to, toOffset, size, flags), pathOf(from), pathOf(to))
+// clang-format on
 }  // extern "C"
 // NOLINTEND

@@ -14,20 +14,16 @@ struct SyscallEvent {
     std::string second;  // rename's destination, else empty
 };
 
-// The test program that links this defines the C library's mkdir, rename,
-// renameat2, unlink, unlinkat, rmdir, remove, fsync, fdatasync, syncfs,
-// flock, fchmod, fchmodat, fchown, fchownat and copy_file_range, so it sees
-// every such call the libraries make, records it on request, and can stop
-// its own process at the n-th one: the places where a commit changes what is
-// on disk, one by one.
+// The test program that links this defines the C library's calls that change
+// a folder (mkdir, rename, unlink, fsync, fchmod, copy_file_range, ...: see
+// the .cpp), so it sees every such call the libraries make, records it on
+// request, and can stop its own process at the n-th one.
 class SyscallTrace {
 public:
     static void startRecording();
     static std::vector<SyscallEvent> stopRecording();
-    // From now on, the n-th call (from 1) raises SIGKILL before it is made;
-    // 0 disarms. calls() counts them.
+    // From now on, the n-th call (from 1) raises SIGKILL before it is made; 0 disarms.
     static void killAt(std::size_t n);
-    static std::size_t calls();
 };
 
 }  // namespace opc::test

@@ -1,8 +1,10 @@
 #pragma once
 
+#include "support/TempDir.h"
+
+#include <algorithm>
 #include <filesystem>
 #include <map>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -15,9 +17,29 @@ namespace opc::test {
 // names and bytes.
 using TreeSnapshot = std::map<std::string, std::string>;
 
-TreeSnapshot snapshotTree(const std::filesystem::path& root);
+inline TreeSnapshot snapshotTree(const std::filesystem::path& root) {
+    namespace fs = std::filesystem;
+    TreeSnapshot tree;
+    for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator(); ++it) {
+        const std::string relative = it->path().lexically_relative(root).native();  // links unresolved
+        if (it->is_symlink()) {
+            tree[relative] = "-> " + fs::read_symlink(it->path()).native();
+            it.disable_recursion_pending();
+        } else if (it->is_directory()) {
+            tree[relative + "/"] = "";
+        } else {  // reading a FIFO or device could block or never end
+            tree[relative] = it->is_regular_file() ? readFile(it->path()) : "<special>";
+        }
+    }
+    return tree;
+}
 
 // The names of the entries directly in folder, sorted.
-std::vector<std::string> listFolder(const std::filesystem::path& folder);
+inline std::vector<std::string> listFolder(const std::filesystem::path& folder) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) names.push_back(entry.path().filename());
+    std::sort(names.begin(), names.end());
+    return names;
+}
 
 }  // namespace opc::test
