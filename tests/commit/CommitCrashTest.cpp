@@ -4,6 +4,7 @@
 
 #include "CommitFixture.h"
 
+#include "support/ChildProcess.h"
 #include "support/SyscallTrace.h"
 
 #include <signal.h>
@@ -18,34 +19,28 @@
 namespace opc::test::commit {
 namespace {
 
-namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-// Runs body in a child process and returns its wait status.
-template <class Body>
-int inChild(Body body) {
-    const pid_t pid = ::fork();
-    if (pid < 0) throw std::runtime_error("fork failed");
-    if (pid == 0) {
-        try {
-            body();
-        } catch (...) {
-            ::_exit(3);
-        }
-        ::_exit(0);
-    }
+// The raw wait status, which tells a kill from an exit.
+int statusOf(pid_t pid) {
     int status = 0;
     ::waitpid(pid, &status, 0);
     return status;
 }
 
 bool killed(int status) { return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL; }
+bool succeeded(int status) { return WIFEXITED(status) && WEXITSTATUS(status) == 0; }
 
 enum Outcome { Old, New, Broken };
 
-Outcome recoverAndClassify(const fs::path& work, const TreeSnapshot& oldTree, const TreeSnapshot& newTree) {
-    LocalFileSystemOps().recover(fromUtf8((work / "pkg").native()));
+Outcome recoverAndClassify(const fs::path& work,
+                           const TreeSnapshot& oldTree,
+                           const TreeSnapshot& newTree,
+                           std::map<RecoveryReport::Swap, int>* swaps = nullptr) {
+    const RecoveryReport report = LocalFileSystemOps().recover(fromUtf8((work / "pkg").native()));
+    if (swaps != nullptr) ++(*swaps)[report.swap];
     const TreeSnapshot after = snapshotTree(work);
+    EXPECT_TRUE(after == oldTree || after == newTree) << ::testing::PrintToString(after);
     return after == oldTree ? Old : after == newTree ? New : Broken;
 }
 
@@ -56,7 +51,7 @@ Outcome recoverAndClassify(const fs::path& work, const TreeSnapshot& oldTree, co
 TEST(CommitCrash, KillAtEveryStepThenRecoverLeavesOldOrNewPackage) {
     TempDir dir;
     const fs::path work = dir.path() / "work";
-    const TreeSnapshot oldTree = sampleBeforeCommit(), newTree = sampleAfterCommit();
+    const TreeSnapshot oldTree = (writeSample(work / "pkg"), snapshotTree(work)), newTree = sampleAfterCommit();
     std::map<RecoveryReport::Swap, int> swaps;
     int outcomes[3] = {0, 0, 0}, emptyPath = 0;
     Outcome last = Old;
@@ -65,21 +60,20 @@ TEST(CommitCrash, KillAtEveryStepThenRecoverLeavesOldOrNewPackage) {
         SCOPED_TRACE("killed at call " + std::to_string(step));
         fs::remove_all(work);
         writeSample(work / "pkg");
-        const int status = inChild([&] {
+        const int status = statusOf(forkChild([&] {
             FileSystemPhysicalPackage package(fromUtf8((work / "pkg").native()));
             package.getLocalFSImpl().setDurable(false);
             package.open(OpenMode::ReadWrite);
             changeSample(package);
             SyscallTrace::killAt(step);
             package.close(false);
-        });
-        if (WIFEXITED(status) && WEXITSTATUS(status) == 0) break;  // the commit outran every kill
+            return 0;
+        }));
+        if (succeeded(status)) break;  // the commit outran every kill
         ASSERT_TRUE(killed(status)) << "status " << status;
         emptyPath += !fs::exists(work / "pkg");
-        ++swaps[LocalFileSystemOps().recover(fromUtf8((work / "pkg").native())).swap];
-        const TreeSnapshot after = snapshotTree(work);
-        const Outcome outcome = after == oldTree ? Old : after == newTree ? New : Broken;
-        ASSERT_NE(outcome, Broken) << ::testing::PrintToString(after);
+        const Outcome outcome = recoverAndClassify(work, oldTree, newTree, &swaps);
+        ASSERT_NE(outcome, Broken);
         ASSERT_FALSE(last == New && outcome == Old) << "a later kill brought the old package back";
         ++outcomes[outcome];
         last = outcome;
@@ -145,7 +139,7 @@ TEST(CommitCrash, KilledAtRandomThenRecoverLeavesOldOrNewPackage) {
     for (int round = 0; round < 2; ++round) {
         reset();
         const auto start = Clock::now();
-        ASSERT_EQ(inChild([&] { commitLargeChanges(work / "pkg"); }), 0);
+        ASSERT_TRUE(succeeded(statusOf(forkChild([&] { return commitLargeChanges(work / "pkg"), 0; }))));
         micros = std::max(micros, std::chrono::duration<double, std::micro>(Clock::now() - start).count());
         ASSERT_EQ(snapshotTree(work), newTree);
     }
@@ -158,24 +152,13 @@ TEST(CommitCrash, KilledAtRandomThenRecoverLeavesOldOrNewPackage) {
         reset();
         const auto wait = std::chrono::microseconds(static_cast<long>(delay(random)));
         const auto start = Clock::now();
-        const pid_t pid = ::fork();
-        ASSERT_GE(pid, 0);
-        if (pid == 0) {
-            try {
-                commitLargeChanges(work / "pkg");
-            } catch (...) {
-                ::_exit(3);
-            }
-            ::_exit(0);
-        }
+        const pid_t pid = forkChild([&] { return commitLargeChanges(work / "pkg"), 0; });
         std::this_thread::sleep_until(start + wait);
         ::kill(pid, SIGKILL);
-        int status = 0;
-        ::waitpid(pid, &status, 0);
-        ASSERT_TRUE(killed(status) || (WIFEXITED(status) && WEXITSTATUS(status) == 0)) << "status " << status;
-        const Outcome outcome = recoverAndClassify(work, oldTree, newTree);
-        ++counts[outcome];
-        EXPECT_NE(outcome, Broken) << "round " << kills << ", killed after " << wait.count() << " us";
+        const int status = statusOf(pid);
+        ASSERT_TRUE(killed(status) || succeeded(status)) << "status " << status;
+        SCOPED_TRACE("round " + std::to_string(kills) + ", killed after " + std::to_string(wait.count()) + " us");
+        ++counts[recoverAndClassify(work, oldTree, newTree)];
     }
     std::printf("%d parts, commit %.0f us; %d kills: old %d, new %d, broken %d\n", kParts, micros, kills, counts[Old],
                 counts[New], counts[Broken]);

@@ -24,12 +24,13 @@
 
 namespace opc::test::commit {
 
+namespace fs = std::filesystem;
 using opc::fspackage::FileSystemPartInfo;
 using opc::fspackage::FileSystemPhysicalPackage;
 using opc::interfaces::OpenMode;
 using Files = std::map<std::string, std::string>;  // relative path -> bytes
 
-inline std::string baseName(const std::u16string& path) { return std::filesystem::path(toUtf8(path)).filename(); }
+inline std::string baseName(const std::u16string& path) { return fs::path(toUtf8(path)).filename(); }
 
 // Folder "pkg" holding files, with every folder on the way to them.
 inline TreeSnapshot treeOf(const Files& files) {
@@ -71,7 +72,13 @@ inline Files sampleFiles() {
             {"[trash]/discarded.xml", "discarded"}};
 }
 
-// The sample after Sample::change() was committed: no deleted part, no
+// The sample package, with an empty folder.
+inline void writeSample(const fs::path& package) {
+    for (const auto& [path, bytes] : sampleFiles()) writeFile(package / path, bytes);
+    fs::create_directories(package / "emptyFolder");
+}
+
+// The sample after changeSample() was committed: no deleted part, no
 // [trash], no empty folder.
 inline TreeSnapshot sampleAfterCommit() {
     Files files = sampleFiles();
@@ -85,15 +92,14 @@ inline TreeSnapshot sampleAfterCommit() {
 // How many of this process's file descriptors lie on a file below folder.
 // Not counted: the service's locks on a staging folder or swap journal that
 // an injected failure kept it from releasing.
-inline int openFilesBelow(const std::filesystem::path& folder) {
-    const std::string prefix = std::filesystem::canonical(folder).native() + "/";
+inline int openFilesBelow(const fs::path& folder) {
+    const std::string prefix = fs::canonical(folder).native() + "/";
     int count = 0;
-    for (const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) {
+    for (const auto& fd : fs::directory_iterator("/proc/self/fd")) {
         std::error_code gone;  // a descriptor may close while listed
-        const std::filesystem::path target = std::filesystem::read_symlink(fd, gone);
-        const std::string name = target.filename().native();
-        const bool lock = name.rfind(".opc-", 0) == 0 &&
-                          (std::filesystem::is_directory(target, gone) || target.extension() == ".journal");
+        const fs::path target = fs::read_symlink(fd, gone);
+        const bool lock = target.filename().native().rfind(".opc-", 0) == 0 &&
+                          (fs::is_directory(target, gone) || target.extension() == ".journal");
         count += target.native().rfind(prefix, 0) == 0 && !lock;
     }
     return count;
@@ -119,28 +125,10 @@ inline void changeSample(FileSystemPhysicalPackage& package) {
     package.createPart(u"/new/deeper/unwritten.xml", u"", FileSystemPartInfo());
 }
 
-// The sample package before the changes, with an empty folder.
-inline TreeSnapshot sampleBeforeCommit() {
-    TreeSnapshot tree = treeOf(sampleFiles());
-    tree["pkg/emptyFolder/"] = "";
-    return tree;
-}
-
-inline void writeSample(const std::filesystem::path& package) {
-    for (const auto& [path, bytes] : sampleFiles()) writeFile(package / path, bytes);
-    std::filesystem::create_directories(package / "emptyFolder");
-}
-
-// The sample package, with an empty folder besides, at dir/pkg, seen through ops.
+// The sample package at dir/pkg, seen through ops.
 struct Sample {
-    Sample() {
-        writeSample(dir.path() / "pkg");
-        original = after();
-    }
-    TreeSnapshot after() const { return snapshotTree(dir.path()); }
-
     TempDir dir;
-    TreeSnapshot original;
+    TreeSnapshot original = (writeSample(dir.path() / "pkg"), snapshotTree(dir.path()));
     FaultyFileSystemOps ops;
     std::unique_ptr<FileSystemPhysicalPackage> package =
         std::make_unique<FileSystemPhysicalPackage>(dir.u16("pkg"), ops);
@@ -150,11 +138,11 @@ struct Sample {
     void open(OpenMode mode = OpenMode::ReadWrite, bool changed = true) {
         package->open(mode);
         temp = package->getTempPackageRoot();
-        if (changed) change();
+        if (changed) changeSample(*package);
         ops.clearCalls();
     }
+    TreeSnapshot after() const { return snapshotTree(dir.path()); }
     opc::interfaces::IPhysicalPart* part(const std::u16string& name) { return partNamed(*package, name); }
-    void change() { changeSample(*package); }
     void expectClosedAndReleased() {
         EXPECT_FALSE(package->isOpen());
         EXPECT_EQ(package->getTempPackageRoot(), u"");

@@ -4,6 +4,7 @@
 #include "CommitFixture.h"
 
 #include "support/Attributes.h"
+#include "support/ChildProcess.h"
 #include "support/SyscallTrace.h"
 
 #include <fcntl.h>
@@ -17,8 +18,6 @@
 
 namespace opc::test::commit {
 namespace {
-
-namespace fs = std::filesystem;
 
 bool isJournal(const std::string& path) { return path.size() > 8 && path.substr(path.size() - 8) == ".journal"; }
 
@@ -73,11 +72,8 @@ TEST(Durability, WriteFailingAtLastBytesFailsCommitAndKeepsOldPackage) {
     for (const bool flushFirst : {false, true}) {
         SCOPED_TRACE(flushFirst ? "flushed before close" : "not flushed");
         Sample s;
-        int channel[2];
-        ASSERT_EQ(::pipe(channel), 0);
-        const pid_t pid = ::fork();
-        ASSERT_GE(pid, 0);
-        if (pid == 0) {
+        TempDir report;  // beside the package's folder, which must stay as it was
+        waitChild(forkChild([&] {
             ::signal(SIGXFSZ, SIG_IGN);
             const rlimit limit{kLimit, kLimit};
             ::setrlimit(RLIMIT_FSIZE, &limit);
@@ -95,17 +91,13 @@ TEST(Durability, WriteFailingAtLastBytesFailsCommitAndKeepsOldPackage) {
             } catch (const opc::Exception& e) {
                 outcome += std::string(e.what()) + " [" + std::to_string(e.code().value()) + "]";
             }
-            (void)!::write(channel[1], outcome.data(), outcome.size());
-            ::_exit(0);
-        }
-        ::close(channel[1]);
-        std::string outcome(512, '\0');
-        outcome.resize(static_cast<std::size_t>(std::max<ssize_t>(0, ::read(channel[0], outcome.data(), 512))));
-        ::close(channel[0]);
-        ::waitpid(pid, nullptr, 0);
-        EXPECT_EQ(outcome, std::string(flushFirst ? "failed; " : "") +
-                               "Could not commit changes: Could not rename the temporary package to final location: " +
-                               "File too large [" + std::to_string(EFBIG) + "]");
+            writeFile(report.path() / "outcome", outcome);
+            return 0;
+        }));
+        EXPECT_EQ(readFile(report.path() / "outcome"),
+                  std::string(flushFirst ? "failed; " : "") +
+                      "Could not commit changes: Could not rename the temporary package to final location: " +
+                      "File too large [" + std::to_string(EFBIG) + "]");
         EXPECT_EQ(s.after(), s.original);
     }
 }
