@@ -16,12 +16,12 @@
 #include <iostream>
 #include <iterator>
 #include <map>
-#include <sstream>
 #include <string>
 
 namespace fs = std::filesystem;
 using opc::fspackage::FileSystemPartInfo;
 using opc::fspackage::FileSystemPhysicalPackage;
+using Tree = std::map<std::string, std::string>;  // relative path -> bytes; folders end in "/"
 
 namespace {
 
@@ -32,15 +32,17 @@ const std::string kTypes =
 int failures = 0;
 
 void expect(bool ok, const std::string& what) {
-    if (!ok) {
-        std::cerr << "consumer: FAILED: " << what << '\n';
-        ++failures;
-    }
+    if (!ok) std::cerr << "consumer: FAILED: " << what << '\n';
+    failures += ok ? 0 : 1;
 }
 
 void write(opc::interfaces::IPhysicalOutputStream* out, const std::string& bytes) {
     const auto size = static_cast<std::streamsize>(bytes.size());
     expect(out->write(bytes.data(), size) == size && !out->isFailed(), "write of " + std::to_string(size) + " bytes");
+}
+
+void writePart(FileSystemPhysicalPackage& package, const std::u16string& name, const std::string& bytes) {
+    write(package.createPart(name, u"application/xml", FileSystemPartInfo())->getOutputStream(), bytes);
 }
 
 std::string read(opc::interfaces::IPhysicalInputStream* in) {
@@ -51,30 +53,20 @@ std::string read(opc::interfaces::IPhysicalInputStream* in) {
     return bytes;
 }
 
-// Relative path -> bytes of every entry below root; folders end in "/".
-std::map<std::string, std::string> snapshot(const fs::path& root) {
-    std::map<std::string, std::string> tree;
+void expectTree(const fs::path& root, const Tree& expected, const std::string& when) {
+    Tree actual;
     for (const auto& entry : fs::recursive_directory_iterator(root)) {
         const std::string name = entry.path().lexically_relative(root).generic_string();
         if (entry.is_directory()) {
-            tree[name + "/"] = "";
-        } else {
-            std::ifstream file(entry.path(), std::ios::binary);
-            tree[name] = std::string(std::istreambuf_iterator<char>(file), {});
+            actual[name + "/"] = "";
+            continue;
         }
+        std::ifstream file(entry.path(), std::ios::binary);
+        actual[name] = std::string(std::istreambuf_iterator<char>(file), {});
     }
-    return tree;
-}
-
-std::string describe(const std::map<std::string, std::string>& tree) {
-    std::ostringstream text;
-    for (const auto& [name, bytes] : tree) text << "  " << name << " [" << bytes << "]\n";
-    return text.str();
-}
-
-void expectTree(const fs::path& root, const std::map<std::string, std::string>& expected, const std::string& when) {
-    const auto actual = snapshot(root);
-    expect(actual == expected, "tree " + when + ":\n" + describe(actual) + "expected:\n" + describe(expected));
+    std::string listing;
+    for (const auto& [name, bytes] : actual) listing += "  " + name + " [" + bytes + "]\n";
+    expect(actual == expected, "tree " + when + ":\n" + listing);
 }
 
 }  // namespace
@@ -91,11 +83,8 @@ int main(int argc, char** argv) {
             FileSystemPhysicalPackage package(packagePath);
             package.open(opc::interfaces::Create);
             write(package.getContentTypeOutputStream(), kTypes);
-            write(
-                package.createPart(u"/word/document.xml", u"application/xml", FileSystemPartInfo())->getOutputStream(),
-                "<document>first</document>");
-            write(package.createPart(u"/docProps/app.xml", u"application/xml", FileSystemPartInfo())->getOutputStream(),
-                  "<app/>");
+            writePart(package, u"/word/document.xml", "<document>first</document>");
+            writePart(package, u"/docProps/app.xml", "<app/>");
             package.close(false);
         }
         expectTree(root,
@@ -106,7 +95,6 @@ int main(int argc, char** argv) {
                     {"pkg/word/", ""},
                     {"pkg/word/document.xml", "<document>first</document>"}},
                    "after the first commit");
-
         {
             FileSystemPhysicalPackage package(packagePath);
             package.open(opc::interfaces::ReadWrite);
@@ -118,9 +106,7 @@ int main(int argc, char** argv) {
                                                              {u"/word/document.xml", "<document>first</document>"}},
                    "parts read back after reopening");
             package.deletePart(u"/docProps/app.xml");
-            write(
-                package.createPart(u"/word/document.xml", u"application/xml", FileSystemPartInfo())->getOutputStream(),
-                "<document>second</document>");
+            writePart(package, u"/word/document.xml", "<document>second</document>");
             package.close(false);
         }
         expectTree(root,

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstddef>
 #include <functional>
-#include <limits>
 #include <optional>
 #include <string>
 #include <vector>
@@ -53,10 +52,6 @@ public:
     void failCall(Hook hook, std::size_t number, int errorValue = EIO) { failCalls(hook, number, number, errorValue); }
     void failGlobalCall(std::size_t number, int errorValue = EIO) {
         rules.push_back({std::nullopt, number, number, errorValue});
-    }
-    // Fails every call from the global number first on.
-    void failFrom(std::size_t first, int errorValue = EIO) {
-        rules.push_back({std::nullopt, first, std::numeric_limits<std::size_t>::max(), errorValue});
     }
     void clearFailures() { rules.clear(); }  // the recorded calls stay
     void clearCalls() { recorded.clear(); }  // and the numbering restarts
