@@ -178,13 +178,16 @@ TEST(Recovery, EndsDeadSwapsAndRemovesLeftovers) {
         std::optional<Files> atPath, aside;
         Swap swap;
         Files after;
+        std::size_t journalSize = std::string::npos;  // less: cut short by the death
     };
     for (const Case& c : std::vector<Case>{{"S", std::nullopt, oldFiles, Swap::RestoredOld, oldFiles},
                                            {"S", newFiles, oldFiles, Swap::CompletedNew, newFiles},
                                            {"S", newFiles, std::nullopt, Swap::None, newFiles},
                                            {"U", partial, oldFiles, Swap::RestoredOld, oldFiles},
-                                           {"?", oldFiles, std::nullopt, Swap::None, oldFiles}}) {
-        SCOPED_TRACE(std::string(c.state) + (c.atPath ? " package" : " no package") + (c.aside ? ", aside" : ""));
+                                           {"?", oldFiles, std::nullopt, Swap::None, oldFiles},
+                                           {"S", oldFiles, std::nullopt, Swap::None, oldFiles, 12}}) {
+        SCOPED_TRACE(std::string(c.state) + (c.atPath ? " package" : " no package") + (c.aside ? ", aside" : "") +
+                     (c.journalSize != std::string::npos ? ", cut short" : ""));
         TempDir dir;
         const auto put = [&](const std::string& folder, const Files& files) {
             for (const auto& [path, bytes] : files) writeFile(dir.path() / folder / path, bytes);
@@ -192,7 +195,7 @@ TEST(Recovery, EndsDeadSwapsAndRemovesLeftovers) {
         if (c.atPath) put("pkg", *c.atPath);
         if (c.aside) put(".opc-aside", *c.aside);
         writeFile(dir.path() / ".opc-1.journal",
-                  std::string("OPCSWAP1") + c.state + "pkg" + '\0' + ".opc-aside" + '\0');
+                  (std::string("OPCSWAP1") + c.state + "pkg" + '\0' + ".opc-aside" + '\0').substr(0, c.journalSize));
         // Left by dead processes: a staging folder, an empty one; another
         // package's swap; and a file that is no journal.
         put(".opc-staging", partial);

@@ -1,10 +1,8 @@
 #!/usr/bin/env bash
-# Builds and runs the three client projects against the libraries:
-#   find_package      an installed copy, find_package(opcfspackage CONFIG REQUIRED)
-#   add_subdirectory  the source tree embedded in the client's own build
-#   pkg-config        an installed copy, `pkg-config --cflags --libs opcfspackage`
-# Each client writes and commits a package in an empty folder and checks the
-# result on disk.
+# Builds and runs the three client projects against the libraries: an
+# installed copy through find_package and through pkg-config, and the source
+# tree through add_subdirectory. Each client writes and commits a package in
+# an empty folder and checks the result on disk.
 #
 #   tests/consumers/run.sh INSTALL-PREFIX [WORK-FOLDER]
 #
