@@ -6,8 +6,8 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <utility>
 
@@ -68,22 +68,83 @@ bool stagesChanges(const OpenMode& mode) {
 
 const std::u16string kTrashPrefix = u"/[trash]";
 
+// A name to sort, and where the listing had it.
+struct Listed {
+    const char16_t* units;
+    std::size_t size;
+    std::size_t index;
+};
+
+// The unit at depth, or -1 past the end, so that a prefix sorts first.
+std::int32_t unitAt(const Listed& name, std::size_t depth) {
+    return depth < name.size ? std::int32_t{name.units[depth]} : -1;
+}
+
 // The order of std::less<std::u16string> (code unit by code unit, a prefix
-// first), four units at a time: the names of a package share long prefixes.
-int compareNames(const std::u16string& a, const std::u16string& b) {
-    const std::size_t common = std::min(a.size(), b.size());
-    std::size_t i = 0;
-    for (; i + 4 <= common; i += 4) {
-        std::uint64_t x = 0;
-        std::uint64_t y = 0;
-        std::memcpy(&x, a.data() + i, sizeof x);
-        std::memcpy(&y, b.data() + i, sizeof y);
-        if (x != y) break;
+// first) from depth on, then the listing's order.
+bool listedBefore(const Listed& a, const Listed& b, std::size_t depth) {
+    for (;; ++depth) {
+        const std::int32_t x = unitAt(a, depth);
+        const std::int32_t y = unitAt(b, depth);
+        if (x != y) return x < y;
+        if (x < 0) return a.index < b.index;
     }
-    for (; i < common; ++i) {
-        if (a[i] != b[i]) return a[i] < b[i] ? -1 : 1;
+}
+
+// Sorts names that agree on their first depth units, by three-way radix
+// quicksort: the names of a package share long prefixes, which a comparison
+// sort would compare again and again, and this looks at each unit of a
+// prefix about once. Recursion goes into the two smaller partitions only,
+// so its depth stays logarithmic in the number of names.
+void sortListed(Listed* names, std::size_t count, std::size_t depth) {
+    constexpr std::size_t kSmall = 16;
+    while (count > 1) {
+        if (count <= kSmall) {
+            for (std::size_t i = 1; i < count; ++i) {
+                for (std::size_t j = i; j > 0 && listedBefore(names[j], names[j - 1], depth); --j)
+                    std::swap(names[j], names[j - 1]);
+            }
+            return;
+        }
+        std::int32_t pivot[] = {unitAt(names[0], depth), unitAt(names[count / 2], depth),
+                                unitAt(names[count - 1], depth)};
+        std::sort(std::begin(pivot), std::end(pivot));
+        const std::int32_t middle = pivot[1];
+        // [0, less) below the pivot, [less, more) equal to it, [more, count) above.
+        std::size_t less = 0;
+        std::size_t more = count;
+        for (std::size_t i = 0; i < more;) {
+            const std::int32_t unit = unitAt(names[i], depth);
+            if (unit < middle) {
+                std::swap(names[less++], names[i++]);
+            } else if (unit > middle) {
+                std::swap(names[--more], names[i]);
+            } else {
+                ++i;
+            }
+        }
+        if (middle < 0) {
+            // [0, more) ended at depth: equal names, which keep the listing's order.
+            std::sort(names, names + more, [](const Listed& x, const Listed& y) { return x.index < y.index; });
+            names += more;
+            count -= more;
+            continue;
+        }
+        struct Range {
+            Listed* first;
+            std::size_t count;
+            std::size_t depth;
+        };
+        Range ranges[] = {
+            {names, less, depth}, {names + less, more - less, depth + 1}, {names + more, count - more, depth}};
+        std::sort(std::begin(ranges), std::end(ranges),
+                  [](const Range& x, const Range& y) { return x.count < y.count; });
+        sortListed(ranges[0].first, ranges[0].count, ranges[0].depth);
+        sortListed(ranges[1].first, ranges[1].count, ranges[1].depth);
+        names = ranges[2].first;
+        count = ranges[2].count;
+        depth = ranges[2].depth;
     }
-    return a.size() == b.size() ? 0 : (a.size() < b.size() ? -1 : 1);
 }
 
 }  // namespace
@@ -163,19 +224,16 @@ void FileSystemPhysicalPackage::readParts(const OpenMode& mode) {
     // parts made next.
     std::vector<std::unique_ptr<FileSystemPart>> made(files.size());
     const auto registerMade = [&] {
-        std::vector<std::size_t> order;
+        std::vector<Listed> order;
         order.reserve(files.size());
         for (std::size_t i = 0; i < made.size(); ++i) {
-            if (made[i]) order.push_back(i);
+            if (made[i]) order.push_back({files[i].data(), files[i].size(), i});
         }
         // Of two equal names the later one wins, as when each is registered in turn.
-        std::sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
-            const int compared = compareNames(files[a], files[b]);
-            return compared != 0 ? compared < 0 : a < b;
-        });
-        for (const std::size_t i : order) {
-            FileSystemPart*& slot = parts.emplace_hint(parts.end(), std::move(files[i]), nullptr)->second;
-            delete std::exchange(slot, made[i].release());
+        sortListed(order.data(), order.size(), 0);
+        for (const Listed& name : order) {
+            FileSystemPart*& slot = parts.emplace_hint(parts.end(), std::move(files[name.index]), nullptr)->second;
+            delete std::exchange(slot, made[name.index].release());
         }
     };
     try {

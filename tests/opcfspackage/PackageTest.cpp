@@ -20,6 +20,7 @@
 #include <fstream>
 #include <limits>
 #include <random>
+#include <set>
 
 namespace opc::test {
 namespace {
@@ -262,6 +263,41 @@ TEST_F(ScriptedOpen, PartsMadeBeforeAFailureStayRegisteredInNameOrder) {
     package->open(OpenMode::Read);  // starts afresh over what the failed open left
     EXPECT_EQ(partNames(*package), (Names{u"/a.xml", u"/b.xml", u"/c.xml"}));
     EXPECT_EQ(readAll(findPart(*package, u"/b.xml")->getInputStream()), "B");
+}
+
+// Every listed name has a file, whatever is on disk.
+struct ScriptedAnyNameOps : ScriptedListingOps {
+    bool existsImpl(const std::u16string&) override { return true; }
+};
+using ScriptedNames = PackageFixture<ScriptedAnyNameOps>;
+
+// Open sorts the listing before it registers it. Thousands of names from a
+// few units share long prefixes, are prefixes of one another and repeat, in a
+// scrambled listing: each is registered once, none is lost, and the order is
+// that of std::less.
+TEST_F(ScriptedNames, RegisteredInCodeUnitOrderWhateverTheListingOrder) {
+    write({});
+    // U+FF21 is one unit; U+1F600 the surrogate pair D83D DE00, below it by unit.
+    const std::vector<std::string> symbols = {"a", "b", "\xef\xbc\xa1", "\xf0\x9f\x98\x80", "/"};
+    std::mt19937 random(7);
+    std::vector<std::string> listing = {"[Content_Types].xml"};
+    while (listing.size() < 3000) {
+        std::string name;
+        for (std::size_t length = 1 + random() % 12; name.size() < length * 2;) {
+            const std::string& symbol = symbols[random() % symbols.size()];
+            if (symbol != "/" || (!name.empty() && name.back() != '/')) name += symbol;
+        }
+        if (name.back() == '/') name.pop_back();
+        listing.push_back(name);
+        if (random() % 8 == 0) listing.push_back(listing[random() % listing.size()]);
+    }
+    std::shuffle(listing.begin(), listing.end(), random);
+    ops.listing = listing;
+    open(OpenMode::Read);
+    std::set<std::u16string> expected;
+    for (const std::string& name : listing) expected.insert(u"/" + fromUtf8(name));
+    expected.erase(kContentTypes);
+    EXPECT_EQ(partNames(*package), Names(expected.begin(), expected.end()));
 }
 
 TEST_F(Registry, GetPartsListsChangedFirstThenByUtf16CodeUnit) {
