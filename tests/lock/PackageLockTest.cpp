@@ -82,19 +82,9 @@ TEST_F(Lock, LongPackageNamesGetLockNamesWithinNameMaxThatStillTellThemApart) {
     EXPECT_NE(names[2], names[3]);
 }
 
-TEST_F(Lock, SharedLocksCoexistAnExclusiveOneExcludesEveryOtherAndATimeOutChangesNothing) {
-    for (const auto& [held, asked, granted] :
-         std::vector<std::tuple<LockMode, LockMode, bool>>{{LockMode::Shared, LockMode::Shared, true},
-                                                           {LockMode::Shared, LockMode::Exclusive, false},
-                                                           {LockMode::Exclusive, LockMode::Shared, false},
-                                                           {LockMode::Exclusive, LockMode::Exclusive, false}}) {
-        SCOPED_TRACE(static_cast<int>(held) * 10 + static_cast<int>(asked));
-        {
-            PackageLock holding(pkg, held);
-            EXPECT_EQ(grantedAtOnce(asked), granted);
-        }
-        EXPECT_TRUE(grantedAtOnce(asked));  // released with its object
-    }
+// Which mode excludes which shows in the tool's tests, every command under
+// each mode.
+TEST_F(Lock, ATimeOutWaitsItsTimeThenFailsWithItsMessageAndChangesNothing) {
     writeFile(dir.path() / "pkg" / "[Content_Types].xml", "<Types/>");
     PackageLock holding(pkg, LockMode::Shared);
     const TreeSnapshot before = snapshotTree(dir.path());

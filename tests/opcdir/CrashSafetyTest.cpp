@@ -10,6 +10,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <map>
+
 namespace opc::test {
 namespace {
 
@@ -20,41 +22,47 @@ const std::string kTypes = "<Types/>";
 // A dead commit's journal: the package "pkg" moved aside to ".opc-aside".
 const std::string kJournal = std::string("OPCSWAP1Spkg") + '\0' + ".opc-aside" + '\0';
 
-TEST(OpcdirRecover, PutsBackWhatDeadCommitsLeftAndSaysSo) {
+// A package (or none) at its path or moved aside by a commit whose process
+// died, a staging folder of that process beside it or not; then recover, or
+// a command that writes and so recovers first: new does not build a package
+// over one that is only moved aside, put and rm work on it.
+TEST(OpcdirRecover, PutsBackWhatDeadCommitsLeftAndSaysSoAndEveryCommandThatWritesDoesFirst) {
     const std::string restored = "pkg: put back the package as it was before an unfinished commit";
     const std::string removed = "removed 1 folder left by unfinished commits\n";
-    // Whether the package is at its path, moved aside with a journal, a
-    // staging folder of a dead process lies beside it; what recover says.
-    for (const auto& [atPath, aside, staging, result] : std::vector<std::tuple<bool, bool, bool, RunResult>>{
-             {true, false, false, {0, "pkg: nothing to recover\n", ""}},
-             {false, true, true, {0, restored + "; " + removed, ""}},
-             {true, false, true, {0, "pkg: " + removed, ""}},
-             {false, false, false, {1, "pkg: nothing to recover\n", "opcdir: pkg: no whole package here\n"}}}) {
-        SCOPED_TRACE(result.out);
+    const std::map<std::string, std::string> bytes{
+        {"[Content_Types].xml", kTypes}, {"word/document.xml", "doc"}, {"a.xml", "<a/>"}};
+    struct Case {
+        std::string where;  // "pkg", ".opc-aside" with a journal, or none
+        bool staging;
+        std::string line;
+        RunResult result;
+        std::string parts;  // what the package holds afterwards
+    };
+    const std::string both = "[Content_Types].xml word/document.xml";
+    const std::string exists = "pkg: already exists and is not an empty folder\n";
+    for (const Case& c : std::vector<Case>{
+             {"pkg", false, "recover pkg", {0, "pkg: nothing to recover\n", ""}, both},
+             {".opc-aside", true, "recover pkg", {0, restored + "; " + removed, ""}, both},
+             {"pkg", true, "recover pkg", {0, "pkg: " + removed, ""}, both},
+             {"", false, "recover pkg", {1, "pkg: nothing to recover\n", "opcdir: pkg: no whole package here\n"}, ""},
+             {".opc-aside", false, "put pkg /a.xml a.xml", {0, "", ""}, both + " a.xml"},
+             {".opc-aside", false, "rm pkg /word/document.xml", {0, "", ""}, "[Content_Types].xml"},
+             {".opc-aside", false, "new pkg", {1, "", "opcdir: " + exists}, both},
+         }) {
+        SCOPED_TRACE(c.line + " after " + c.where);
         TempDir dir;
-        if (atPath || aside) writeFile(dir.path() / (atPath ? "pkg" : ".opc-aside") / "[Content_Types].xml", kTypes);
-        if (aside) writeFile(dir.path() / ".opc-1.journal", kJournal);
-        if (staging) writeFile(dir.path() / ".opc-staging/word/half.xml", "<half");
-        EXPECT_EQ(runOpcdir(dir.path(), {"recover", "pkg"}), result);
-        const TreeSnapshot whole{{"pkg/", ""}, {"pkg/[Content_Types].xml", kTypes}};
-        EXPECT_EQ(withoutLockFiles(snapshotTree(dir.path())), atPath || aside ? whole : TreeSnapshot{});
-    }
-}
-
-// Every command that writes recovers first: new does not build a package
-// over one that is only moved aside, put and rm work on it.
-TEST(OpcdirRecover, CommandsThatWriteRecoverFirst) {
-    for (const std::string line : {"put pkg /a.xml a.xml", "rm pkg /word/document.xml", "new pkg"}) {
-        SCOPED_TRACE(line);
-        TempDir dir;
-        writeFile(dir.path() / ".opc-aside/[Content_Types].xml", kTypes);
-        writeFile(dir.path() / ".opc-aside/word/document.xml", "doc");
-        writeFile(dir.path() / ".opc-1.journal", kJournal);
         writeFile(dir.path() / "a.xml", "<a/>");
-        EXPECT_EQ(runOpcdir(dir.path(), words(line)).status, line[0] == 'n' ? 1 : 0);
-        TreeSnapshot expected{{"a.xml", "<a/>"}, {"pkg/", ""}, {"pkg/[Content_Types].xml", kTypes}};
-        if (line[0] != 'r') expected.insert({{"pkg/word/", ""}, {"pkg/word/document.xml", "doc"}});
-        if (line[0] == 'p') expected["pkg/a.xml"] = "<a/>";
+        for (const std::string name : {"[Content_Types].xml", "word/document.xml"})
+            if (!c.where.empty()) writeFile(dir.path() / c.where / name, bytes.at(name));
+        if (c.where == ".opc-aside") writeFile(dir.path() / ".opc-1.journal", kJournal);
+        if (c.staging) writeFile(dir.path() / ".opc-staging/word/half.xml", "<half");
+        EXPECT_EQ(runOpcdir(dir.path(), words(c.line)), c.result);
+        TreeSnapshot expected{{"a.xml", "<a/>"}};
+        for (const std::string& name : words(c.parts)) {
+            expected["pkg/" + name] = bytes.at(name);
+            expected["pkg/"] = "";
+            if (name[0] == 'w') expected["pkg/word/"] = "";
+        }
         EXPECT_EQ(withoutLockFiles(snapshotTree(dir.path())), expected);
     }
 }

@@ -1,8 +1,5 @@
 #pragma once
 
-// Runs opcdir for a test: the built binary in a folder of the test's, or its
-// commands in this process through a file-system service of the test's.
-
 #include "Commands.h"
 #include "support/TempDir.h"
 #include "support/TreeSnapshot.h"
@@ -80,8 +77,7 @@ inline RunResult runWith(opc::FileSystemOps& fileSystem,
                          bool errIsTerminal = false,
                          bool outIsTerminal = false) {
     std::istringstream in;
-    std::ostringstream out;
-    std::ostringstream err;
+    std::ostringstream out, err;
     opcdir::Io io{in, out, err, errIsTerminal, outIsTerminal};
     const int status = opcdir::run(arguments, io, fileSystem);
     return {status, out.str(), err.str()};

@@ -82,26 +82,6 @@ TEST_F(EditCorpusPackage, CatPutAndRmReadAndChangeJustTheirParts) {
     expectTree({"rm", "doc", "customXml/item2.xml"}, {}, {"doc/customXml/", "doc/customXml/item2.xml"});
 }
 
-TEST_F(EditCorpusPackage, LsListsEveryPartWithSizeAndContentType) {
-    const RunResult json = runOpcdir(dir.path(), {"ls", "--json", "doc"});
-    EXPECT_EQ(json.status, 0);
-    std::size_t parts = 0;
-    for (const auto& [name, bytes] : before) {
-        if (name.rfind("doc/", 0) != 0 || name.back() == '/') continue;
-        ++parts;
-        const std::string line = "\n  {\"name\": \"" + name.substr(3) + "\", \"size\": " + std::to_string(bytes.size());
-        EXPECT_NE(json.out.find(line), std::string::npos) << name;
-    }
-    EXPECT_EQ(parts, 17u);
-    EXPECT_EQ(std::count(json.out.begin(), json.out.end(), '\n'), 19);
-    EXPECT_NE(runOpcdir(dir.path(), {"ls", "--long", "doc"})
-                  .out.find("\n 1820  application/vnd.openxmlformats-officedocument.wordprocessingml.document.main+xml"
-                            "  /word/document.xml\n"),
-              std::string::npos);
-    EXPECT_EQ(runOpcdir(dir.path(), {"ls", "doc"}).out.rfind(" 1739  /[Content_Types].xml\n  735  /_rels/.rels\n", 0),
-              0u);
-}
-
 TEST_F(EditCorpusPackage, RefusalsAreOneLineWithStatusOneOrTwoForUsageAndChangeNothing) {
     const std::string longName(300, 'n');
     const std::string name = "doc: invalid part name '";
@@ -227,17 +207,15 @@ TEST(CommandUnderFaults, EveryFailingCallLeavesTheOldTreeOrGivesTheNew) {
         return withoutLockFiles(snapshotTree(dir.path()));
     };
     const TreeSnapshot before = restore();
-    const std::vector<std::string> commands = {
-        "ls --long pkg",
-        "cat pkg word/document.xml",
-        "new fresh",
-        "put pkg word/document.xml in.xml",
-        "put pkg customXml/item1.xml in.xml",
-        "rm pkg word/styles.xml",
-        "unpack --force new.zip pkg",
-        "pack pkg out.docx",
-        "recover pkg",
-    };
+    const std::vector<std::string> commands = {"ls --long pkg",
+                                               "cat pkg word/document.xml",
+                                               "new fresh",
+                                               "put pkg word/document.xml in.xml",
+                                               "put pkg customXml/item1.xml in.xml",
+                                               "rm pkg word/styles.xml",
+                                               "unpack --force new.zip pkg",
+                                               "pack pkg out.docx",
+                                               "recover pkg"};
     const CurrentFolder in(dir.path());  // so that messages name files as typed
     std::size_t covered = 0;
     std::set<Hook> failedHooks;
@@ -262,18 +240,18 @@ TEST(CommandUnderFaults, EveryFailingCallLeavesTheOldTreeOrGivesTheNew) {
             failedHooks.insert(hook);
             // A failure the command can do without (a lock file left behind)
             // gives the clean run's result.
+            EXPECT_EQ(withoutLockFiles(snapshotTree(dir.path())), result.status == 0 ? after : before);
             if (result.status == 0) {
                 EXPECT_EQ(result.out, clean.out);
-                EXPECT_EQ(withoutLockFiles(snapshotTree(dir.path())), after);
                 continue;
             }
             EXPECT_EQ(result.status, 1);
-            EXPECT_TRUE(std::any_of(arguments.begin(), arguments.end(), [&](const std::string& a) {
-                return result.err.rfind("opcdir: " + a + ": ", 0) == 0;
-            })) << result.err;
-            EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << result.err;
             EXPECT_EQ(result.out, "");
-            EXPECT_EQ(withoutLockFiles(snapshotTree(dir.path())), before);
+            EXPECT_TRUE(
+                std::any_of(arguments.begin(), arguments.end(),
+                            [&](const std::string& a) { return result.err.rfind("opcdir: " + a + ": ", 0) == 0; }) &&
+                result.err.find('\n') == result.err.size() - 1)
+                << result.err;
         }
         covered += calls;
     }
