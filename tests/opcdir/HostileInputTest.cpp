@@ -116,6 +116,7 @@ TEST(UnpackHostile, EveryRefusalNamesItsCauseAndLeavesTheTargetAndNothingElse) {
     EXPECT_EQ(
         snapshotTree(dir.path() / "pkg"),
         (TreeSnapshot{{"[Content_Types].xml", kTypes}, {"first.xml", "<written first/>"}, {"new.xml", "<new/>"}}));
+    EXPECT_EQ(listFolder(dir.path()), (std::vector<std::string>{".opc-lock-pkg", "bad.zip", "pkg"}));
 }
 
 // A package folder from someone else: links out of it, a FIFO, a socket.

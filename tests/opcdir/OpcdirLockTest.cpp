@@ -226,6 +226,8 @@ TEST_F(Turns, ManyProcessesCommitWithoutLossWhileReadersAndPackSeeOnlyWholeCommi
     ::close(stop[1]);
     EXPECT_EQ(waitChild(reader), 0) << readFile(dir.path() / "reader.log");
     EXPECT_NE(readFile(dir.path() / "reader.log"), "0");
+    for (const std::string& name : listFolder(dir.path()))
+        EXPECT_TRUE(name.rfind(".opc-", 0) != 0 || name == ".opc-lock-pkg") << "left beside the package: " << name;
 }
 
 }  // namespace
