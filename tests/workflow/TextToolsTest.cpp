@@ -1,5 +1,6 @@
 #include "LineDiff.h"
 #include "PartNameGrammar.h"
+#include "PartNames.h"
 #include "Sha256.h"
 #include "XmlText.h"
 

@@ -22,6 +22,11 @@ public:
     // when the stream gives it none.
     std::string lookup(std::string_view partName) const;
 
+    // What a Default and an Override element add; the first given for an
+    // extension or a part name holds.
+    void addDefault(std::string_view extension, std::string type);
+    void addOverride(std::string_view partName, std::string type);
+
 private:
     std::map<std::string, std::string> defaults;   // folded extension -> type
     std::map<std::string, std::string> overrides;  // folded, decoded part name -> type

@@ -67,6 +67,27 @@ std::string foldCase(std::string_view text) {
     return folded;
 }
 
+int hexDigitValue(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+std::string equivalenceKey(std::string_view partName) {
+    std::string decoded;
+    for (std::size_t i = 0; i < partName.size(); ++i) {
+        if (partName[i] == '%' && i + 2 < partName.size() && hexDigitValue(partName[i + 1]) >= 0 &&
+            hexDigitValue(partName[i + 2]) >= 0) {
+            decoded += static_cast<char>(hexDigitValue(partName[i + 1]) * 16 + hexDigitValue(partName[i + 2]));
+            i += 2;
+        } else {
+            decoded += partName[i];
+        }
+    }
+    return foldCase(decoded);
+}
+
 std::string escapeControls(std::string_view text) {
     std::string result;
     result.reserve(text.size());

@@ -34,6 +34,15 @@ std::string partNameArgument(const std::string& subject, const std::string& argu
 // ASCII letters lowered: part names compare without regard to ASCII case.
 std::string foldCase(std::string_view text);
 
+// The value of a hexadecimal digit (either case), or -1 for any other
+// character.
+int hexDigitValue(char c);
+
+// The key under which part names are equal: percent-encodings decoded and
+// ASCII letters lowered, so "/A%20b.xml" and "/a b.XML" share one. A "%" not
+// followed by two hexadecimal digits stands for itself.
+std::string equivalenceKey(std::string_view partName);
+
 // text with every control character written as \xNN: the C0 controls,
 // DEL, and the C1 controls U+0080 to U+009F (whose CSI a terminal takes as an
 // escape sequence), so that text from a package cannot drive a terminal.

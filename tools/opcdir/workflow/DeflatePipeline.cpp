@@ -1,5 +1,7 @@
 #include "DeflatePipeline.h"
 
+#include "ZipSource.h"
+
 #include <zip.h>
 #include <zlib.h>
 
@@ -168,12 +170,7 @@ struct SourceState {
                 stat->crc = entry->crc;
                 return sizeof(zip_stat_t);
             }
-            case ZIP_SOURCE_ERROR: return zip_error_to_data(&error, data, length);
-            case ZIP_SOURCE_FREE: return 0;
-            case ZIP_SOURCE_SUPPORTS:
-                return zip_source_make_command_bitmap(ZIP_SOURCE_OPEN, ZIP_SOURCE_READ, ZIP_SOURCE_CLOSE,
-                                                      ZIP_SOURCE_STAT, ZIP_SOURCE_ERROR, ZIP_SOURCE_FREE, -1);
-            default: zip_error_set(&error, ZIP_ER_OPNOTSUPP, 0); return -1;
+            default: return answerReadOnlySource(error, data, length, command);
         }
     }
 };

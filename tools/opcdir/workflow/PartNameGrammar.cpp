@@ -7,13 +7,6 @@
 namespace opcdir {
 namespace {
 
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
 bool isUnreserved(unsigned char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
            c == '_' || c == '~';
@@ -58,9 +51,10 @@ std::string segmentProblem(std::string_view segment) {
     for (std::size_t i = 0; i < segment.size();) {
         const auto c = static_cast<unsigned char>(segment[i]);
         if (c == '%') {
-            if (i + 2 >= segment.size() || hexValue(segment[i + 1]) < 0 || hexValue(segment[i + 2]) < 0)
+            if (i + 2 >= segment.size() || hexDigitValue(segment[i + 1]) < 0 || hexDigitValue(segment[i + 2]) < 0)
                 return "'%' not followed by two hexadecimal digits";
-            const auto decoded = static_cast<unsigned char>(hexValue(segment[i + 1]) * 16 + hexValue(segment[i + 2]));
+            const auto decoded =
+                static_cast<unsigned char>(hexDigitValue(segment[i + 1]) * 16 + hexDigitValue(segment[i + 2]));
             const std::string encoding(segment.substr(i, 3));
             if (decoded == '/' || decoded == '\\')
                 return "percent-encoded '" + shown(decoded) + "' ('" + encoding + "')";
@@ -92,20 +86,6 @@ std::string partNameGrammarProblem(std::string_view partName) {
         if (end == std::string_view::npos) return {};
         start = end + 1;
     }
-}
-
-std::string equivalenceKey(std::string_view partName) {
-    std::string decoded;
-    for (std::size_t i = 0; i < partName.size(); ++i) {
-        if (partName[i] == '%' && i + 2 < partName.size() && hexValue(partName[i + 1]) >= 0 &&
-            hexValue(partName[i + 2]) >= 0) {
-            decoded += static_cast<char>(hexValue(partName[i + 1]) * 16 + hexValue(partName[i + 2]));
-            i += 2;
-        } else {
-            decoded += partName[i];
-        }
-    }
-    return foldCase(decoded);
 }
 
 }  // namespace opcdir

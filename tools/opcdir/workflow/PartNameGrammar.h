@@ -15,8 +15,4 @@ namespace opcdir {
 //   "/media/a%41.png"     ->  "percent-encoded unreserved character '%41'"
 std::string partNameGrammarProblem(std::string_view partName);
 
-// The key under which part names are equal: percent-encodings decoded and
-// ASCII letters lowered, so "/A%20b.xml" and "/a b.XML" share one.
-std::string equivalenceKey(std::string_view partName);
-
 }  // namespace opcdir

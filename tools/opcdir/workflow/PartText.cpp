@@ -1,6 +1,5 @@
 #include "PartText.h"
 
-#include "PartNameGrammar.h"
 #include "PartNames.h"
 #include "Sha256.h"
 
@@ -26,20 +25,17 @@ PartText::PartText(PackageView& view) : package(view) {
     const std::string contentTypes = "/" + std::string(kContentTypesName);
     const auto& names = view.partNames();
     if (std::find(names.begin(), names.end(), contentTypes) == names.end()) return;
+    ContentTypeEntries entries;
     try {
-        types = readContentTypes(view.readAll(contentTypes));
+        entries = readContentTypes(view.readAll(contentTypes));
     } catch (const XmlError&) {
         return;
     }
-    for (const auto& entry : types.defaults) defaults.emplace(foldCase(entry.key), entry.type);
-    for (const auto& entry : types.overrides) overrides.emplace(equivalenceKey(entry.key), entry.type);
+    for (const auto& entry : entries.defaults) types.addDefault(entry.key, entry.type);
+    for (const auto& entry : entries.overrides) types.addOverride(entry.key, entry.type);
 }
 
-std::string PartText::contentType(const std::string& partName) const {
-    if (const auto found = overrides.find(equivalenceKey(partName)); found != overrides.end()) return found->second;
-    if (const auto found = defaults.find(extensionOf(partName)); found != defaults.end()) return found->second;
-    return {};
-}
+std::string PartText::contentType(const std::string& partName) const { return types.lookup(partName); }
 
 bool PartText::isEntryList(const std::string& partName) {
     return partName == "/" + std::string(kContentTypesName) || endsWith(foldCase(partName), ".rels");

@@ -1,9 +1,9 @@
 #pragma once
 
+#include "ContentTypes.h"
 #include "PackageView.h"
 #include "XmlText.h"
 
-#include <map>
 #include <string>
 
 namespace opcdir {
@@ -31,9 +31,7 @@ public:
 
 private:
     PackageView& package;
-    ContentTypeEntries types;
-    std::map<std::string, std::string> overrides;  // equivalence key -> type
-    std::map<std::string, std::string> defaults;   // folded extension -> type
+    ContentTypes types;
 };
 
 }  // namespace opcdir
