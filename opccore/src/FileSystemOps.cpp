@@ -24,6 +24,10 @@ void FileSystemOps::getFiles(const std::u16string& folder, std::vector<std::u16s
     getFilesImpl(folder, files, recursive);
 }
 
+void FileSystemOps::getIrregularEntries(const std::u16string& folder, std::vector<IrregularEntry>& entries) {
+    getIrregularEntriesImpl(folder, entries);
+}
+
 void FileSystemOps::createFolders(const std::u16string& path) { createFoldersImpl(path); }
 
 void FileSystemOps::createFolders(const std::u16string& path, boost::system::error_code& errorCode) noexcept {

@@ -219,22 +219,35 @@ error_code removeAllAt(const std::u16string& path) {
 // What a listing does with an entry: enter a folder, list a regular file, and
 // pass over anything else. A link is never followed (its target may lie
 // outside, or make a cycle), and a FIFO, socket or device is no part.
-enum class EntryKind { File, Folder, Skip };
+enum class EntryKind { File, Folder, Irregular, Skip };
 
-error_code kindOf(int folderFd, const dirent& entry, EntryKind& kind) {
+EntryKind kindOfMode(mode_t mode, IrregularKind& irregular) {
+    if (S_ISREG(mode)) return EntryKind::File;
+    if (S_ISDIR(mode)) return EntryKind::Folder;
+    if (S_ISLNK(mode))
+        irregular = IrregularKind::SymbolicLink;
+    else if (S_ISFIFO(mode))
+        irregular = IrregularKind::Fifo;
+    else if (S_ISSOCK(mode))
+        irregular = IrregularKind::Socket;
+    else if (S_ISBLK(mode) || S_ISCHR(mode))
+        irregular = IrregularKind::Device;
+    else
+        return EntryKind::Skip;
+    return EntryKind::Irregular;
+}
+
+error_code kindOf(int folderFd, const dirent& entry, EntryKind& kind, IrregularKind& irregular) {
     kind = EntryKind::Skip;
-    switch (entry.d_type) {
-        case DT_REG: kind = EntryKind::File; return {};
-        case DT_DIR: kind = EntryKind::Folder; return {};
-        case DT_UNKNOWN: break;  // some file systems leave the type to stat
-        default: return {};
+    if (entry.d_type != DT_UNKNOWN) {  // some file systems leave the type to stat
+        kind = kindOfMode(DTTOIF(entry.d_type), irregular);
+        return {};
     }
     struct stat info {};
     if (::fstatat(folderFd, entry.d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) {
         return errno == ENOENT ? error_code() : lastError();  // gone since it was read
     }
-    if (S_ISREG(info.st_mode)) kind = EntryKind::File;
-    if (S_ISDIR(info.st_mode)) kind = EntryKind::Folder;
+    kind = kindOfMode(info.st_mode, irregular);
     return {};
 }
 
@@ -252,10 +265,14 @@ void appendChildPath(std::u16string& path, const std::u16string& prefix, std::st
     NameCodec::appendDecoded(path, name);
 }
 
-// Reads one folder; its files go to files, its subfolders to pending.
-error_code listFolder(const PendingFolder& folder,
-                      std::deque<std::u16string>& files,
-                      std::vector<PendingFolder>* pending) {
+// What one listing gathers: files, irregular entries, or both.
+struct Listing {
+    std::deque<std::u16string>* files = nullptr;
+    std::vector<IrregularEntry>* irregular = nullptr;
+};
+
+// Reads one folder into listing; its subfolders go to pending.
+error_code listFolder(const PendingFolder& folder, const Listing& listing, std::vector<PendingFolder>* pending) {
     // A subfolder swapped for a link since it was listed is not entered.
     const int fd = ::open(folder.native.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | (folder.named ? 0 : O_NOFOLLOW));
     if (fd < 0) return lastError();
@@ -273,9 +290,12 @@ error_code listFolder(const PendingFolder& folder,
         const std::string_view name(entry->d_name);
         if (name == "." || name == "..") continue;
         EntryKind kind = EntryKind::Skip;
-        if (error_code code = kindOf(fd, *entry, kind)) return code;
+        IrregularKind irregular = IrregularKind::SymbolicLink;
+        if (error_code code = kindOf(fd, *entry, kind, irregular)) return code;
         switch (kind) {
-            case EntryKind::File: appendChildPath(files.emplace_back(), folder.prefix, name); break;
+            case EntryKind::File:
+                if (listing.files != nullptr) appendChildPath(listing.files->emplace_back(), folder.prefix, name);
+                break;
             case EntryKind::Folder:
                 if (pending != nullptr) {
                     PendingFolder& child = pending->emplace_back();
@@ -284,7 +304,31 @@ error_code listFolder(const PendingFolder& folder,
                     appendChildPath(child.prefix, folder.prefix, name);
                 }
                 break;
+            case EntryKind::Irregular:
+                if (listing.irregular != nullptr) {
+                    IrregularEntry& found = listing.irregular->emplace_back();
+                    found.kind = irregular;
+                    appendChildPath(found.path, folder.prefix, name);
+                }
+                break;
             case EntryKind::Skip: break;
+        }
+    }
+}
+
+// Lists folder, and with recursive its subfolders, into listing; throws
+// naming the folder that failed.
+void listTree(const std::u16string& folder, const Listing& listing, bool recursive) {
+    std::vector<PendingFolder> pending(1);
+    if (error_code code = nativePath(folder, pending.front().native))
+        fail("Cannot list folder " + display(folder), code);
+    pending.front().prefix = folder;
+    pending.front().named = true;
+    while (!pending.empty()) {
+        const PendingFolder current = std::move(pending.back());
+        pending.pop_back();
+        if (error_code code = listFolder(current, listing, recursive ? &pending : nullptr)) {
+            fail("Cannot list folder " + display(current.prefix), code);
         }
     }
 }
@@ -577,20 +621,13 @@ void LocalFileSystemOps::getFilesImpl(const std::u16string& folder,
     // Gathered in blocks and moved into files at once: growing a vector of a
     // large listing step by step would touch each of its sizes in new memory.
     std::deque<std::u16string> listed;
-    std::vector<PendingFolder> pending(1);
-    if (error_code code = nativePath(folder, pending.front().native))
-        fail("Cannot list folder " + display(folder), code);
-    pending.front().prefix = folder;
-    pending.front().named = true;
-    while (!pending.empty()) {
-        const PendingFolder current = std::move(pending.back());
-        pending.pop_back();
-        if (error_code code = listFolder(current, listed, recursive ? &pending : nullptr)) {
-            fail("Cannot list folder " + display(current.prefix), code);
-        }
-    }
+    listTree(folder, Listing{&listed, nullptr}, recursive);
     files.reserve(files.size() + listed.size());
     std::move(listed.begin(), listed.end(), std::back_inserter(files));
+}
+
+void LocalFileSystemOps::getIrregularEntriesImpl(const std::u16string& folder, std::vector<IrregularEntry>& entries) {
+    listTree(folder, Listing{nullptr, &entries}, true);
 }
 
 error_code LocalFileSystemOps::createFoldersTracked(const std::u16string& path) {

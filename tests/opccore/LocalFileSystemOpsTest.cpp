@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <set>
 #include <tuple>
 
@@ -85,6 +86,20 @@ TEST_F(Service, OnlyRegularFilesAreListedReadOrCopiedAndNothingOutsideIsReached)
     refused.push_back({"../folder", EISDIR});
     const TreeSnapshot before = snapshotTree(dir.path());
     EXPECT_EQ(listed(ops, dir.u16("pkg"), true), Strings{toUtf8(dir.u16("pkg/a.xml"))});
+    // What the listing passed over is what getIrregularEntries reports.
+    std::map<std::string, IrregularKind> expected{{toUtf8(dir.u16("pkg/sub/linked")), IrregularKind::SymbolicLink}};
+    for (const IrregularEntry& entry : refused) {
+        if (entry.openError == EISDIR) continue;  // the folder
+        expected[toUtf8(dir.u16("pkg/sub/" + entry.name))] = entry.openError == ELOOP     ? IrregularKind::SymbolicLink
+                                                             : entry.name == "fifo.xml"   ? IrregularKind::Fifo
+                                                             : entry.name == "socket.xml" ? IrregularKind::Socket
+                                                                                          : IrregularKind::Device;
+    }
+    std::vector<opc::IrregularEntry> irregular;
+    ops.getIrregularEntries(dir.u16("pkg"), irregular);
+    std::map<std::string, IrregularKind> reported;
+    for (const opc::IrregularEntry& entry : irregular) reported[toUtf8(entry.path)] = entry.kind;
+    EXPECT_EQ(reported, expected);
     for (const IrregularEntry& entry : refused) {
         SCOPED_TRACE(entry.name);
         const std::u16string path = dir.u16("pkg/sub/" + entry.name);

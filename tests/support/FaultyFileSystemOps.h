@@ -18,16 +18,17 @@ namespace opc::test {
 // Every hook of FileSystemOps; the error_code forms of createFolders and
 // removeAll ("Reporting") have names of their own.
 // clang-format off
-enum class Hook { AppendPath, NormalizePath, GetParentPath, GetTempName, Exists, IsFolder, GetFiles, CreateFolders,
-                  CreateFoldersReporting, CreateInputStream, CreateOutputStream, Copy, Rename, RemoveAll,
-                  RemoveAllReporting, LockFile, FileSize, ReplaceFile, Recover };
+enum class Hook { AppendPath, NormalizePath, GetParentPath, GetTempName, Exists, IsFolder, GetFiles,
+                  GetIrregularEntries, CreateFolders, CreateFoldersReporting, CreateInputStream, CreateOutputStream,
+                  Copy, Rename, RemoveAll, RemoveAllReporting, LockFile, FileSize, ReplaceFile, Recover };
 // clang-format on
 
 inline const char* hookName(Hook hook) {
     // clang-format off
     static const char* const names[] = {"appendPath", "normalizePath", "getParentPath", "getTempName", "exists",
-        "isFolder", "getFiles", "createFolders", "createFolders(ec)", "createInputStream", "createOutputStream", "copy",
-        "rename", "removeAll", "removeAll(ec)", "lockFile", "fileSize", "replaceFile", "recover"};
+        "isFolder", "getFiles", "getIrregularEntries", "createFolders", "createFolders(ec)", "createInputStream",
+        "createOutputStream", "copy", "rename", "removeAll", "removeAll(ec)", "lockFile", "fileSize", "replaceFile",
+        "recover"};
     // clang-format on
     return names[static_cast<int>(hook)];
 }
@@ -104,6 +105,8 @@ protected:
     OPC_FAULTY_HOOK(bool, IsFolder, isFolderImpl, (Path path), (path), path)
     OPC_FAULTY_HOOK(void, GetFiles, getFilesImpl, (Path folder, std::vector<std::u16string>& files, bool recursive),
                     (folder, files, recursive), folder)
+    OPC_FAULTY_HOOK(void, GetIrregularEntries, getIrregularEntriesImpl,
+                    (Path folder, std::vector<opc::IrregularEntry>& entries), (folder, entries), folder)
     OPC_FAULTY_HOOK(void, CreateFolders, createFoldersImpl, (Path path), (path), path)
     OPC_FAULTY_REPORTING_HOOK(void, CreateFoldersReporting, createFoldersImpl, (Path path, Code& errorCode),
                               (path, errorCode))

@@ -31,6 +31,20 @@ enum class LockMode : std::int32_t {
     Exclusive = 1,  // held by one holder alone
 };
 
+// What getIrregularEntries() finds: an entry that is neither a file nor a
+// folder, so that getFiles() does not list it.
+enum class IrregularKind : std::int32_t {
+    SymbolicLink = 0,  // to a file, to a folder, or dangling
+    Fifo = 1,
+    Socket = 2,
+    Device = 3,  // block or character
+};
+
+struct IrregularEntry {
+    std::u16string path;  // folder, "/" and the relative path, as getFiles() spells its entries
+    IrregularKind kind;
+};
+
 // Everything the OPC libraries do to a disk goes through one object of this
 // class, so a caller can substitute, observe or fail any of it.
 //
@@ -100,6 +114,14 @@ public:
     // when any subfolder cannot be read; files may then hold some entries
     // already appended.
     void getFiles(const std::u16string& folder, std::vector<std::u16string>& files, bool recursive);
+
+    // Appends every entry below folder, at any depth, that getFiles() passes
+    // over because it is neither a file nor a folder, such as a symbolic link
+    // or a FIFO, so that a caller can say what a commit of the folder would
+    // drop. Linked folders are not entered. Order is not promised. Fails
+    // where a recursive getFiles() of folder would; entries may then hold
+    // some entries already appended.
+    void getIrregularEntries(const std::u16string& folder, std::vector<IrregularEntry>& entries);
 
     // Creates the folder path and every missing folder above it. Fails when
     // something that is not a folder is in the way; folders made before a
@@ -178,6 +200,7 @@ protected:
     virtual bool existsImpl(const std::u16string& path) = 0;
     virtual bool isFolderImpl(const std::u16string& path) = 0;
     virtual void getFilesImpl(const std::u16string& folder, std::vector<std::u16string>& files, bool recursive) = 0;
+    virtual void getIrregularEntriesImpl(const std::u16string& folder, std::vector<IrregularEntry>& entries) = 0;
     virtual void createFoldersImpl(const std::u16string& path) = 0;
     virtual void createFoldersImpl(const std::u16string& path, boost::system::error_code& errorCode) noexcept = 0;
     virtual std::shared_ptr<std::istream> createInputStreamImpl(const std::u16string& path,

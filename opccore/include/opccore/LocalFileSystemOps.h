@@ -59,6 +59,9 @@ class StagingArea;
 //   list folder <folder>" naming the folder that failed, which may be a
 //   subfolder (also one swapped for a link while the listing ran): missing
 //   (ENOENT), not a folder (ENOTDIR), not readable (EACCES).
+// - getIrregularEntries: walks folder as getFiles does, with the same
+//   failures and message, and reports the symbolic links (never followed),
+//   FIFOs, sockets and devices it meets.
 // - createFolders: each missing folder made with mode 0777 less the umask; an
 //   existing folder (or link to one) is no failure. Something else at path
 //   fails with EEXIST, a file above it with ENOTDIR, an empty path with
@@ -154,6 +157,7 @@ protected:
     bool existsImpl(const std::u16string& path) override;
     bool isFolderImpl(const std::u16string& path) override;
     void getFilesImpl(const std::u16string& folder, std::vector<std::u16string>& files, bool recursive) override;
+    void getIrregularEntriesImpl(const std::u16string& folder, std::vector<IrregularEntry>& entries) override;
     void createFoldersImpl(const std::u16string& path) override;
     void createFoldersImpl(const std::u16string& path, boost::system::error_code& errorCode) noexcept override;
     std::shared_ptr<std::istream> createInputStreamImpl(const std::u16string& path,

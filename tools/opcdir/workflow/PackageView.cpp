@@ -10,7 +10,6 @@
 #include <opcfspackage/FileSystemPhysicalPackage.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <map>
 
 namespace opcdir {
@@ -29,10 +28,20 @@ std::string causeOf(const opc::Exception& e) {
     return cause;
 }
 
+const char* kindName(opc::IrregularKind kind) {
+    switch (kind) {
+        case opc::IrregularKind::SymbolicLink: return "symbolic link";
+        case opc::IrregularKind::Fifo: return "FIFO";
+        case opc::IrregularKind::Socket: return "socket";
+        case opc::IrregularKind::Device: return "device";
+    }
+    return "entry";
+}
+
 class FolderView : public PackageView {
 public:
     FolderView(opc::FileSystemOps& fileSystem, const std::string& argument)
-        : PackageView(argument), package(toUtf16(argument), fileSystem) {
+        : PackageView(argument), service(fileSystem), package(toUtf16(argument), fileSystem) {
         try {
             package.open(opc::interfaces::Read);
             for (opc::interfaces::IPhysicalPart* part : package.getParts()) parts[toUtf8(part->getName())] = part;
@@ -74,32 +83,25 @@ public:
     }
 
     std::vector<StrayEntry> strays() override {
-        namespace fs = std::filesystem;
-        std::vector<StrayEntry> found;
-        const fs::path root = toUtf8(package.getPackageRoot());
-        std::error_code error;
-        fs::recursive_directory_iterator walk(root, error);
-        for (; !error && walk != fs::recursive_directory_iterator(); walk.increment(error)) {
-            const fs::path relative = walk->path().lexically_relative(root);
-            if (walk.depth() == 0 && relative.string() == "[trash]") {
-                walk.disable_recursion_pending();
-                continue;
-            }
-            const fs::file_status status = walk->symlink_status(error);
-            if (error) break;
-            const char* kind = fs::is_symlink(status)                                       ? "symbolic link"
-                               : fs::is_fifo(status)                                        ? "FIFO"
-                               : fs::is_socket(status)                                      ? "socket"
-                               : fs::is_block_file(status) || fs::is_character_file(status) ? "device"
-                                                                                            : nullptr;
-            if (kind != nullptr) found.push_back({"/" + relative.string(), kind});
+        const std::u16string root = package.getPackageRoot();
+        std::vector<opc::IrregularEntry> irregular;
+        try {
+            service.getIrregularEntries(root, irregular);
+        } catch (const opc::Exception& e) {
+            throw Failure(subject(), "cannot list the package folder: " + causeOf(e));
         }
-        if (error) throw Failure(subject(), "cannot list the package folder: " + error.message());
+        std::vector<StrayEntry> found;
+        for (const opc::IrregularEntry& entry : irregular) {
+            const std::string partName = toUtf8(std::u16string_view(entry.path).substr(root.size()));
+            if (partName == "/[trash]" || partName.rfind("/[trash]/", 0) == 0) continue;  // the library's own
+            found.push_back({partName, kindName(entry.kind)});
+        }
         std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
         return found;
     }
 
 private:
+    opc::FileSystemOps& service;
     opc::fspackage::FileSystemPhysicalPackage package;
     std::map<std::string, opc::interfaces::IPhysicalPart*> parts;
     std::vector<std::string> names;
@@ -138,7 +140,13 @@ std::unique_ptr<PackageView> PackageView::open(opc::FileSystemOps& fileSystem, c
     } catch (const opc::Exception& e) {
         throw Failure(argument, causeOf(e));
     }
-    if (folder) return std::make_unique<FolderView>(fileSystem, argument);
+    if (folder) {
+        try {
+            return std::make_unique<FolderView>(fileSystem, argument);
+        } catch (const opc::Exception& e) {  // from the package's constructor
+            throw Failure(argument, "cannot open package: " + causeOf(e));
+        }
+    }
     return std::make_unique<ZipView>(fileSystem, argument);
 }
 

@@ -13,6 +13,7 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <sstream>
 #include <utility>
 #include <vector>
 
@@ -174,23 +175,25 @@ int diffCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
     std::set<std::string> names = fromNames;
     names.insert(toNames.begin(), toNames.end());
 
+    // Written whole at the end: a failure part way shows its one line alone.
+    std::ostringstream report;
     bool differ = false;
     for (const std::string& name : names) {
         if (toNames.count(name) == 0 || fromNames.count(name) == 0) {
-            io.out << (toNames.count(name) == 0 ? "removed " : "added ") << shown(name) << "\n";
+            report << (toNames.count(name) == 0 ? "removed " : "added ") << shown(name) << "\n";
             differ = true;
             continue;
         }
         Comparison comparison = compare(fromText, toText, name);
         if (!comparison.changed) continue;
         differ = true;
-        io.out << "changed " << shown(name) << "\n";
+        report << "changed " << shown(name) << "\n";
         if (!args.has("--text") || !(fromText.isXml(name) || toText.isXml(name))) continue;
         if (!comparison.texts)
             comparison.texts = std::make_pair(textOrError(fromText, name), textOrError(toText, name));
-        io.out << unifiedDiff(comparison.texts->first, comparison.texts->second, "a" + shown(name), "b" + shown(name));
+        report << unifiedDiff(comparison.texts->first, comparison.texts->second, "a" + shown(name), "b" + shown(name));
     }
-    io.out.flush();
+    io.out << report.str() << std::flush;
     return differ ? 1 : 0;
 }
 
@@ -205,21 +208,22 @@ int checkCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) 
 void textconvCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
     const std::unique_ptr<PackageView> view = PackageView::open(fileSystem, args.operands[0]);
     PartText text(*view);
+    std::ostringstream report;  // written whole at the end, as diff's
     for (const std::string& name : view->partNames()) {
         const std::string type = text.contentType(name);
-        io.out << "== " << shown(name) << (type.empty() ? "" : " (" + shown(type) + ")");
+        report << "== " << shown(name) << (type.empty() ? "" : " (" + shown(type) + ")");
         if (!text.isXml(name)) {
-            io.out << ": " << text.digestLine(name) << "\n";
+            report << ": " << text.digestLine(name) << "\n";
             continue;
         }
         try {
             const std::string xml = text.xmlText(name);
-            io.out << "\n" << xml;
+            report << "\n" << xml;
         } catch (const XmlError& e) {
-            io.out << ": " << e.what() << "; " << text.digestLine(name) << "\n";
+            report << ": " << e.what() << "; " << text.digestLine(name) << "\n";
         }
     }
-    io.out.flush();
+    io.out << report.str() << std::flush;
 }
 
 }  // namespace opcdir
