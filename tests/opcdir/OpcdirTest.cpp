@@ -8,7 +8,10 @@
 #include <algorithm>
 #include <chrono>
 #include <iostream>
+#include <limits>
+#include <memory>
 #include <set>
+#include <streambuf>
 
 namespace opc::test {
 namespace {
@@ -270,6 +273,90 @@ TEST(CommandUnderFaults, EveryFailingCallLeavesTheOldTreeOrGivesTheNew) {
                             Hook::GetTempName, Hook::IsFolder, Hook::GetFiles, Hook::NormalizePath, Hook::Recover,
                             Hook::Exists, Hook::LockFile, Hook::GetIrregularEntries})
         EXPECT_EQ(failedHooks.count(hook), 1u) << hookName(hook);
+}
+
+// A stream into the real file that refuses bytes past a limit, or its
+// flush: a disk that fills, or a write error that shows when the file is
+// closed.
+class RefusingBuffer : public std::streambuf {
+public:
+    RefusingBuffer(std::shared_ptr<std::ostream> file, std::size_t limit, bool flushFails)
+        : real(std::move(file)), left(limit), failFlush(flushFails) {}
+
+protected:
+    std::streamsize xsputn(const char* data, std::streamsize count) override {
+        const auto taken = std::min<std::streamsize>(count, static_cast<std::streamsize>(left));
+        real->write(data, taken);
+        left -= static_cast<std::size_t>(taken);
+        return taken;
+    }
+    int_type overflow(int_type c) override {
+        const char byte = traits_type::to_char_type(c);
+        return traits_type::eq_int_type(c, traits_type::eof()) || xsputn(&byte, 1) == 1 ? traits_type::not_eof(c)
+                                                                                        : traits_type::eof();
+    }
+    int sync() override { return failFlush || !real->flush() ? -1 : 0; }
+    pos_type seekoff(off_type offset, std::ios_base::seekdir from, std::ios_base::openmode) override {
+        return real->seekp(offset, from) ? real->tellp() : pos_type(off_type(-1));
+    }
+    pos_type seekpos(pos_type position, std::ios_base::openmode) override {
+        return real->seekp(position) ? real->tellp() : pos_type(off_type(-1));
+    }
+
+private:
+    std::shared_ptr<std::ostream> real;
+    std::size_t left;
+    bool failFlush;
+};
+
+class RefusingStream : public std::ostream {
+public:
+    RefusingStream(std::shared_ptr<std::ostream> file, std::size_t limit, bool flushFails)
+        : std::ostream(nullptr), buffer(std::move(file), limit, flushFails) {
+        rdbuf(&buffer);
+    }
+
+private:
+    RefusingBuffer buffer;
+};
+
+class RefusingArchive : public FaultyFileSystemOps {
+public:
+    RefusingArchive(std::size_t byteLimit, bool flushFails) : limit(byteLimit), failFlush(flushFails) {}
+
+protected:
+    std::shared_ptr<std::ostream> createOutputStreamImpl(const std::u16string& path,
+                                                         std::ios_base::openmode openMode,
+                                                         boost::system::error_code& errorCode) noexcept override {
+        auto file = FaultyFileSystemOps::createOutputStreamImpl(path, openMode, errorCode);
+        if (!file) return file;
+        return std::make_shared<RefusingStream>(std::move(file), limit, failFlush);
+    }
+
+private:
+    std::size_t limit;
+    bool failFlush;
+};
+
+// libzip learns of a write error on the archive as it closes it: pack fails
+// with one line, and neither the archive nor a temporary file is left.
+TEST(CommandUnderFaults, ArchiveThatCannotBeWrittenFailsPackAndLeavesTheOldFile) {
+    TempDir dir;
+    writeFile(dir.path() / "pkg" / "[Content_Types].xml", "<Types/>");
+    writeFile(dir.path() / "pkg" / "word" / "document.xml", std::string(5000, 'w'));
+    writeFile(dir.path() / "out.docx", "the previous archive");
+    const TreeSnapshot before = withoutLockFiles(snapshotTree(dir.path()));
+    const std::string archive = (dir.path() / "out.docx").string();
+    for (const auto& [limit, flushFails] : std::vector<std::pair<std::size_t, bool>>{
+             {0, false}, {100, false}, {std::numeric_limits<std::size_t>::max(), true}}) {
+        SCOPED_TRACE(std::to_string(limit) + (flushFails ? ", flush fails" : ""));
+        RefusingArchive service(limit, flushFails);
+        const RunResult result = runWith(service, {"pack", (dir.path() / "pkg").string(), archive});
+        EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.err, "opcdir: " + archive + ": cannot write: write failed\n");
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(withoutLockFiles(snapshotTree(dir.path())), before);
+    }
 }
 
 }  // namespace
