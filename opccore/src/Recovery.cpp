@@ -29,6 +29,18 @@ struct Survey {
 
 bool isHiddenEntry(const char* name) { return std::string(name).rfind(".opc-", 0) == 0; }
 
+// The form of the names getTempName() hands out: ".opc-" and 16 lowercase
+// hexadecimal digits. A hidden folder of any other name is not the library's.
+bool isTemporaryName(const std::string& name) {
+    return name.size() == 21 && name.rfind(".opc-", 0) == 0 &&
+           name.find_first_not_of("0123456789abcdef", 5) == std::string::npos;
+}
+
+// The folder a journal guards by its own name: ".opc-x.journal" => ".opc-x".
+std::string asideOfJournalName(const std::string& journalName) {
+    return journalName.substr(0, journalName.size() - std::string(".journal").size());
+}
+
 // Takes the lock of every ".opc-" folder and journal in the folder that no
 // live process holds. Runs under the folder's exclusive lock, which those
 // that make such entries hold shared until they have locked them.
@@ -129,8 +141,8 @@ error_code recoverPackage(const std::string& path, bool durable, RecoveryReport&
     for (const std::string& live : found.liveJournals) {
         Fd file(::openat(parent.get(), live.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
         const auto journal = file ? readJournal(file.get()) : std::nullopt;
+        named.insert(journal ? journal->aside : asideOfJournalName(live));
         if (!journal) continue;
-        named.insert(journal->aside);
         if (journal->package == name) report.swap = RecoveryReport::Swap::InProgress;
     }
     for (const Abandoned& entry : found.journals) {
@@ -139,19 +151,26 @@ error_code recoverPackage(const std::string& path, bool durable, RecoveryReport&
             named.insert(journal->aside);  // another package's, for its own recovery
             continue;
         }
-        if (journal) {
-            if (error_code code = finishSwap(parent.get(), folder, *journal, durable, report)) return code;
+        if (!journal) {
+            // Cut short: whose it is cannot be told. With the folder its name
+            // guards still there it stays, and so does that folder, which
+            // may be some package's only copy; otherwise it names nothing.
+            const std::string aside = asideOfJournalName(entry.name);
+            if (isFolderAt(parent.get(), aside)) {
+                named.insert(aside);
+                continue;
+            }
+        } else if (error_code code = finishSwap(parent.get(), folder, *journal, durable, report)) {
+            return code;
         }
-        // A journal that does not parse was cut short before its package
-        // was moved aside.
         if (::unlinkat(parent.get(), entry.name.c_str(), 0) != 0 && errno != ENOENT) return lastError();
     }
     for (const Abandoned& entry : found.folders) {
         struct stat info {};
-        if (named.count(entry.name) != 0 ||
+        if (named.count(entry.name) != 0 || !isTemporaryName(entry.name) ||
             ::fstatat(parent.get(), entry.name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0 ||
             info.st_dev != entry.device || info.st_ino != entry.inode) {
-            continue;  // named by a journal, or renamed since it was surveyed
+            continue;  // named by a journal, not the library's, or renamed since it was surveyed
         }
         if (error_code code = removeTree(folder + "/" + entry.name)) return code;
         ++report.removedFolders;

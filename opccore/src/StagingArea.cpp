@@ -268,11 +268,14 @@ error_code StagingArea::moveAside(const std::string& package, const std::string&
     const int parent = swap->parent.get();
     // As for staging folders: recover() never sees the journal unlocked.
     if (::flock(parent, LOCK_SH) != 0) return lastError();
-    do {
-        swap->journalName = randomHiddenName() + ".journal";
+    // Named after the aside, so that a journal cut short still says which
+    // folder it guards.
+    for (std::string name = baseNameOf(aside);; name = randomHiddenName()) {
+        swap->journalName = name + ".journal";
         swap->journal =
             Fd(::openat(parent, swap->journalName.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    } while (!swap->journal && errno == EEXIST);
+        if (swap->journal || errno != EEXIST) break;
+    }
     if (!swap->journal) return lastError();
     error_code code;
     if (::flock(swap->journal.get(), LOCK_EX | LOCK_NB) != 0) code = lastError();

@@ -197,12 +197,17 @@ TEST(Recovery, EndsDeadSwapsAndRemovesLeftovers) {
         writeFile(dir.path() / ".opc-1.journal",
                   (std::string("OPCSWAP1") + c.state + "pkg" + '\0' + ".opc-aside" + '\0').substr(0, c.journalSize));
         // Left by dead processes: a staging folder, an empty one; another
-        // package's swap; and a file that is no journal.
-        put(".opc-staging", partial);
-        fs::create_directory(dir.path() / ".opc-empty");
+        // package's swap, and a third's cut short before its journal said
+        // whose it is; a file that is no journal, and a hidden folder that
+        // is no commit's.
+        put(".opc-5a61e1dc0ffee000", partial);
+        fs::create_directory(dir.path() / ".opc-e000000000000000");
         const std::string otherJournal = std::string("OPCSWAP1S") + "other" + '\0' + ".opc-otheraside" + '\0';
         writeFile(dir.path() / ".opc-2.journal", otherJournal);
         put(".opc-otheraside", oldFiles);
+        writeFile(dir.path() / ".opc-0123456789abcdef.journal", "OPCSW");
+        put(".opc-0123456789abcdef", oldFiles);
+        put(".opc-notes", partial);
         writeFile(dir.path() / ".opc-pkg.lock", "");
 
         const RecoveryReport report = LocalFileSystemOps().recover(dir.u16("pkg"));
@@ -213,6 +218,11 @@ TEST(Recovery, EndsDeadSwapsAndRemovesLeftovers) {
         expected[".opc-2.journal"] = otherJournal;
         expected[".opc-otheraside/"] = "";
         expected[".opc-otheraside/[Content_Types].xml"] = "old";
+        expected[".opc-0123456789abcdef.journal"] = "OPCSW";
+        expected[".opc-0123456789abcdef/"] = "";
+        expected[".opc-0123456789abcdef/[Content_Types].xml"] = "old";
+        expected[".opc-notes/"] = "";
+        expected[".opc-notes/x"] = "half";
         expected[".opc-pkg.lock"] = "";
         EXPECT_EQ(snapshotTree(dir.path()), expected);
     }

@@ -55,7 +55,7 @@ TEST(OpcdirRecover, PutsBackWhatDeadCommitsLeftAndSaysSoAndEveryCommandThatWrite
         for (const std::string name : {"[Content_Types].xml", "word/document.xml"})
             if (!c.where.empty()) writeFile(dir.path() / c.where / name, bytes.at(name));
         if (c.where == ".opc-aside") writeFile(dir.path() / ".opc-1.journal", kJournal);
-        if (c.staging) writeFile(dir.path() / ".opc-staging/word/half.xml", "<half");
+        if (c.staging) writeFile(dir.path() / ".opc-5a61e1dc0ffee000/word/half.xml", "<half");
         EXPECT_EQ(runOpcdir(dir.path(), words(c.line)), c.result);
         TreeSnapshot expected{{"a.xml", "<a/>"}};
         for (const std::string& name : words(c.parts)) {

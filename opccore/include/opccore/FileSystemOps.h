@@ -186,8 +186,9 @@ public:
     // Makes the package at packagePath whole again after a process died in
     // the middle of a commit, and removes the hidden staging and moved-aside
     // folders beside it whose process is gone. Never touches what a live
-    // process is still using. Safe to call at any time; a package that was
-    // left whole is not changed.
+    // process is still using, nor what another package's unfinished commit
+    // left beside it (its old folder moved aside may be its only copy). Safe
+    // to call at any time; a package that was left whole is not changed.
     RecoveryReport recover(const std::u16string& packagePath);
 
 protected:

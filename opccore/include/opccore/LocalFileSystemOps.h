@@ -133,8 +133,14 @@ class StagingArea;
 // - recover(): see FileSystemOps. A journal whose lock is free belongs to a
 //   dead process: with P missing and A present, A is renamed back to P; with
 //   both present, the swap is finished by removing A (or, after an undo
-//   mark, P is removed and A renamed back). Then ".opc-" folders beside P
-//   that are neither locked nor named by a journal are removed.
+//   mark, P is removed and A renamed back). A journal is named after the
+//   folder it moves aside (A + ".journal"), so one cut short still guards
+//   that folder; it and the folder stay, and one that guards nothing goes.
+//   Then the folders beside P with names of getTempName's form that are
+//   neither locked nor named by any journal are removed: staging folders of
+//   dead processes, which hold copies only, never a package's last one.
+//   Another package's journal and the folder it names are left to that
+//   package's recovery, and hidden folders of other names are never touched.
 // A forked child shares its parent's locks.
 class OPCCORE_EXPORT LocalFileSystemOps : public FileSystemOps {
 public:
