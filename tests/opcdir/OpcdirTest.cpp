@@ -189,9 +189,10 @@ TEST(UnpackPackCorpus, EveryPackageRoundTripsEntryForEntryAndPacksTheSameTwice) 
 }
 
 // Fails each file-system call of each command in turn: a failed run must say
-// so in one line naming one of its files, with status 1 (2 for diff and check) and nothing on
-// standard output, and leave the whole tree as it was; a run that succeeds
-// anyway (the failure was harmless) must give the clean result.
+// so in one line naming one of its files, with status 1 (2 for diff and
+// check) and nothing on standard output, and leave the whole tree as it was;
+// a run that succeeds anyway (the failure was harmless) must give the clean
+// result.
 TEST(CommandUnderFaults, EveryFailingCallLeavesTheOldTreeOrGivesTheNew) {
     TempDir dir;
     const std::string types = "<Types><Default Extension=\"xml\" ContentType=\"application/xml\"/></Types>";
