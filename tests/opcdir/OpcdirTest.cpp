@@ -188,6 +188,38 @@ TEST(UnpackPackCorpus, EveryPackageRoundTripsEntryForEntryAndPacksTheSameTwice) 
     }
 }
 
+// The archive is read through a window of 64 KiB: entries that straddle its
+// edges, reads larger than it and entries far apart all come out byte for byte.
+TEST(UnpackWindow, EveryEntryComesOutWhereverItLiesInTheArchive) {
+    TempDir dir;
+    RawZip zip;
+    TreeSnapshot expected;
+    const auto add = [&](const std::string& name, const std::string& bytes, bool deflate) {
+        if (deflate) {
+            zip.deflated(name, bytes);
+        } else {
+            zip.stored(name, bytes);
+        }
+        expected[name] = bytes;
+    };
+    add("[Content_Types].xml", "<Types/>", false);
+    std::uint32_t state = 1;
+    const auto noise = [&](std::size_t size) {
+        std::string bytes(size, '\0');
+        for (char& byte : bytes) byte = static_cast<char>((state = state * 1664525u + 1013904223u) >> 24);
+        return bytes;
+    };
+    for (const std::size_t size : {std::size_t{65535}, std::size_t{65536}, std::size_t{65537}, std::size_t{200000}})
+        add("big/" + std::to_string(size), noise(size), false);
+    for (int i = 0; i < 40; ++i)
+        add("small/" + std::to_string(i), noise(std::size_t(97) * (i + 1) * (i + 1)), i % 3 == 0);
+    add("text.xml", std::string(300000, 'x') + noise(5000), true);
+    expected["big/"] = expected["small/"] = "";
+    zip.write(dir.path() / "a.zip");
+    ASSERT_EQ(runOpcdir(dir.path(), {"unpack", "a.zip", "pkg"}), (RunResult{0, "", ""}));
+    EXPECT_EQ(snapshotTree(dir.path() / "pkg"), expected);
+}
+
 // Fails each file-system call of each command in turn: a failed run must say
 // so in one line naming one of its files, with status 1 (2 for diff and
 // check) and nothing on standard output, and leave the whole tree as it was;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 namespace opcdir {
 
@@ -98,20 +99,43 @@ zip_int64_t ArchiveFile::call(void* data, zip_uint64_t length, zip_source_cmd_t 
 zip_int64_t ArchiveFile::read(void* data, zip_uint64_t length) {
     if (!in) return fail(ZIP_ER_READ, EBADF, "cannot read: not open");
     const zip_uint64_t count = std::min(length, inSize - std::min(readPosition, inSize));
-    // libzip reads mostly in sequence; a seek would empty the stream's buffer.
-    if (readPosition != streamPosition) {
+    auto* const target = static_cast<char*>(data);
+    for (zip_uint64_t done = 0; done < count;) {
+        const zip_uint64_t at = readPosition + done;
+        const zip_uint64_t rest = count - done;
+        if (at >= windowStart && at - windowStart < windowSize) {
+            const zip_uint64_t piece = std::min(rest, windowSize - (at - windowStart));
+            std::memcpy(target + done, window.get() + (at - windowStart), piece);
+            done += piece;
+        } else if (rest >= kWindowSize) {  // large reads go straight to libzip's buffer
+            if (!readAt(at, target + done, rest)) return fail(ZIP_ER_READ, EIO, "cannot read: the file ended early");
+            done = count;
+        } else {
+            if (!window) window.reset(new char[kWindowSize]);
+            windowStart = at;
+            windowSize = std::min(kWindowSize, inSize - at);
+            if (!readAt(at, window.get(), windowSize)) {
+                windowSize = 0;
+                return fail(ZIP_ER_READ, EIO, "cannot read: the file ended early");
+            }
+        }
+    }
+    readPosition += count;
+    return static_cast<zip_int64_t>(count);
+}
+
+bool ArchiveFile::readAt(zip_uint64_t position, char* data, zip_uint64_t length) {
+    if (position != streamPosition) {
         in->clear();
-        in->seekg(static_cast<std::streamoff>(readPosition));
+        in->seekg(static_cast<std::streamoff>(position));
     }
-    in->read(static_cast<char*>(data), static_cast<std::streamsize>(count));
-    const auto got = static_cast<zip_uint64_t>(in->gcount());
-    if (got != count) {
+    in->read(data, static_cast<std::streamsize>(length));
+    if (static_cast<zip_uint64_t>(in->gcount()) != length) {
         streamPosition = kUnknown;
-        return fail(ZIP_ER_READ, EIO, "cannot read: the file ended early");
+        return false;
     }
-    readPosition += got;
-    streamPosition = readPosition;
-    return static_cast<zip_int64_t>(got);
+    streamPosition = position + length;
+    return true;
 }
 
 zip_int64_t ArchiveFile::beginWrite() {

@@ -53,6 +53,7 @@ private:
     static zip_int64_t callback(void* state, void* data, zip_uint64_t length, zip_source_cmd_t command);
     zip_int64_t call(void* data, zip_uint64_t length, zip_source_cmd_t command);
     zip_int64_t read(void* data, zip_uint64_t length);
+    bool readAt(zip_uint64_t position, char* data, zip_uint64_t length);
     zip_int64_t beginWrite();
     zip_int64_t write(const void* data, zip_uint64_t length);
     zip_int64_t seekWrite(void* data, zip_uint64_t length);
@@ -66,6 +67,14 @@ private:
     zip_uint64_t readPosition = 0;
     static constexpr zip_uint64_t kUnknown = ~zip_uint64_t{0};
     zip_uint64_t streamPosition = kUnknown;  // where in stands, when known
+    // The archive's bytes from windowStart on, as last read: libzip reads an
+    // entry's local header, then seeks back to its data, in pieces smaller
+    // than an entry of a document, and a stream empties its buffer on every
+    // seek.
+    static constexpr zip_uint64_t kWindowSize = zip_uint64_t{64} * 1024;
+    std::unique_ptr<char[]> window;
+    zip_uint64_t windowStart = 0;
+    zip_uint64_t windowSize = 0;
     std::shared_ptr<std::ostream> out;
     zip_uint64_t writePosition = 0;
     zip_uint64_t writeEnd = 0;
