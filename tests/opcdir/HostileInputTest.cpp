@@ -9,11 +9,8 @@
 
 #include <sys/resource.h>
 
-#include <cerrno>
 #include <fstream>
 #include <functional>
-#include <memory>
-#include <streambuf>
 
 namespace opc::test {
 namespace {
@@ -144,43 +141,6 @@ TEST_F(StrangersPackage, NothingOutsideIsReadAndACommitDropsWhatIsNoFile) {
         (TreeSnapshot{{"[Content_Types].xml", kTypes}, {"b.xml", "<new/>"}, {"word/", ""}, {"word/a.xml", "<a/>"}}));
     EXPECT_EQ(snapshotTree(dir.path() / "outside"),
               (TreeSnapshot{{"inner/", ""}, {"inner/file.xml", "outside inner"}, {"secret", "outside secret"}}));
-}
-
-// A full disk: every stream to a part fails its writes as write(2) does then.
-class FullDisk : public opc::LocalFileSystemOps {
-    struct FullBuffer : std::streambuf {
-        int_type overflow(int_type) override { return errno = ENOSPC, traits_type::eof(); }
-        std::streamsize xsputn(const char*, std::streamsize) override { return errno = ENOSPC, 0; }
-    };
-    struct FullStream : std::ostream {
-        FullStream() : std::ostream(nullptr) { rdbuf(&buffer); }
-        FullBuffer buffer;
-    };
-
-protected:
-    std::shared_ptr<std::ostream> createOutputStreamImpl(const std::u16string& path,
-                                                         std::ios_base::openmode openMode,
-                                                         boost::system::error_code& errorCode) noexcept override {
-        if (!LocalFileSystemOps::createOutputStreamImpl(path, openMode, errorCode)) return nullptr;
-        return std::make_shared<FullStream>();
-    }
-};
-
-TEST_F(StrangersPackage, WriteFailuresNameTheirCauseAndTheFileAndLeaveNothing) {
-    FullDisk full;
-    const std::string pkg = (dir.path() / "pkg").string();
-    const std::string made = (dir.path() / "new" / "pkg").string();
-    writeFile(dir.path() / "new.zip", archive([](RawZip&) {}));
-    const TreeSnapshot before = withoutLockFiles(snapshotTree(dir.path()));
-    const std::string noSpace = ": No space left on device\n";
-    EXPECT_EQ(runWith(full, {"put", pkg, "b.xml", (dir.path() / "in.xml").string()}),
-              (RunResult{1, "", "opcdir: " + pkg + ": cannot write part '/b.xml'" + noSpace}));
-    EXPECT_EQ(runWith(full, {"unpack", (dir.path() / "new.zip").string(), made}),
-              (RunResult{1, "", "opcdir: " + made + ": cannot write part '/[Content_Types].xml'" + noSpace}));
-    const std::string longName(256, 'z');
-    EXPECT_EQ(runOpcdir(dir.path(), {"pack", "pkg", longName}),
-              (RunResult{1, "", "opcdir: " + longName + ": cannot write: File name too long\n"}));
-    EXPECT_EQ(withoutLockFiles(snapshotTree(dir.path())), before);
 }
 
 // ls finds each part's type by override or default, whatever the case of

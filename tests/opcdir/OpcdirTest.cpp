@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <iostream>
 #include <limits>
@@ -308,19 +309,20 @@ TEST(CommandUnderFaults, EveryFailingCallLeavesTheOldTreeOrGivesTheNew) {
         EXPECT_EQ(failedHooks.count(hook), 1u) << hookName(hook);
 }
 
-// A stream into the real file that refuses bytes past a limit, or its
-// flush: a disk that fills, or a write error that shows when the file is
-// closed.
+// A stream into the real file that refuses bytes past a limit, as write(2)
+// does on a full disk (with errno set to error, when given), or fails its
+// flush, as a write error that shows when the file is closed.
 class RefusingBuffer : public std::streambuf {
 public:
-    RefusingBuffer(std::shared_ptr<std::ostream> file, std::size_t limit, bool flushFails)
-        : real(std::move(file)), left(limit), failFlush(flushFails) {}
+    RefusingBuffer(std::shared_ptr<std::ostream> file, std::size_t limit, bool flushFails, int error)
+        : real(std::move(file)), left(limit), failFlush(flushFails), errorValue(error) {}
 
 protected:
     std::streamsize xsputn(const char* data, std::streamsize count) override {
         const auto taken = std::min<std::streamsize>(count, static_cast<std::streamsize>(left));
         real->write(data, taken);
         left -= static_cast<std::size_t>(taken);
+        if (taken < count && errorValue != 0) errno = errorValue;
         return taken;
     }
     int_type overflow(int_type c) override {
@@ -340,22 +342,22 @@ private:
     std::shared_ptr<std::ostream> real;
     std::size_t left;
     bool failFlush;
+    int errorValue;
 };
 
-class RefusingStream : public std::ostream {
-public:
-    RefusingStream(std::shared_ptr<std::ostream> file, std::size_t limit, bool flushFails)
-        : std::ostream(nullptr), buffer(std::move(file), limit, flushFails) {
-        rdbuf(&buffer);
-    }
+// Every file written through it goes through a RefusingBuffer.
+class RefusingWrites : public FaultyFileSystemOps {
+    struct Stream : std::ostream {
+        Stream(std::shared_ptr<std::ostream> file, std::size_t limit, bool flushFails, int error)
+            : std::ostream(nullptr), buffer(std::move(file), limit, flushFails, error) {
+            rdbuf(&buffer);
+        }
+        RefusingBuffer buffer;
+    };
 
-private:
-    RefusingBuffer buffer;
-};
-
-class RefusingArchive : public FaultyFileSystemOps {
 public:
-    RefusingArchive(std::size_t byteLimit, bool flushFails) : limit(byteLimit), failFlush(flushFails) {}
+    RefusingWrites(std::size_t byteLimit, bool flushFails, int error = 0)
+        : limit(byteLimit), failFlush(flushFails), errorValue(error) {}
 
 protected:
     std::shared_ptr<std::ostream> createOutputStreamImpl(const std::u16string& path,
@@ -363,31 +365,44 @@ protected:
                                                          boost::system::error_code& errorCode) noexcept override {
         auto file = FaultyFileSystemOps::createOutputStreamImpl(path, openMode, errorCode);
         if (!file) return file;
-        return std::make_shared<RefusingStream>(std::move(file), limit, failFlush);
+        return std::make_shared<Stream>(std::move(file), limit, failFlush, errorValue);
     }
 
 private:
     std::size_t limit;
     bool failFlush;
+    int errorValue;
 };
 
-// libzip learns of a write error on the archive as it closes it: pack fails
-// with one line, and neither the archive nor a temporary file is left.
-TEST(CommandUnderFaults, ArchiveThatCannotBeWrittenFailsPackAndLeavesTheOldFile) {
+// Writes that fail at once on a full disk, later, or only as libzip closes
+// the archive: one line naming the cause and the file, and neither a part,
+// an archive nor a temporary file changed or left.
+TEST(CommandUnderFaults, FailedWritesNameTheirCauseAndTheFileAndLeaveTheOldFiles) {
     TempDir dir;
     writeFile(dir.path() / "pkg" / "[Content_Types].xml", "<Types/>");
     writeFile(dir.path() / "pkg" / "word" / "document.xml", std::string(5000, 'w'));
     writeFile(dir.path() / "out.docx", "the previous archive");
+    writeFile(dir.path() / "in.xml", "<new/>");
+    RawZip zip;
+    zip.stored("[Content_Types].xml", "<Types/>");
+    zip.write(dir.path() / "new.zip");
     const TreeSnapshot before = withoutLockFiles(snapshotTree(dir.path()));
-    const std::string archive = (dir.path() / "out.docx").string();
-    for (const auto& [limit, flushFails] : std::vector<std::pair<std::size_t, bool>>{
-             {0, false}, {100, false}, {std::numeric_limits<std::size_t>::max(), true}}) {
-        SCOPED_TRACE(std::to_string(limit) + (flushFails ? ", flush fails" : ""));
-        RefusingArchive service(limit, flushFails);
-        const RunResult result = runWith(service, {"pack", (dir.path() / "pkg").string(), archive});
-        EXPECT_EQ(result.status, 1);
-        EXPECT_EQ(result.err, "opcdir: " + archive + ": cannot write: write failed\n");
-        EXPECT_EQ(result.out, "");
+    const CurrentFolder in(dir.path());
+    const std::string noSpace = ": No space left on device\n";
+    const std::size_t all = std::numeric_limits<std::size_t>::max();
+    for (const auto& [line, limit, flushFails, error, message] :
+         std::vector<std::tuple<std::string, std::size_t, bool, int, std::string>>{
+             {"put pkg b.xml in.xml", 0, false, ENOSPC, "pkg: cannot write part '/b.xml'" + noSpace},
+             {"unpack new.zip new/pkg", 0, false, ENOSPC,
+              "new/pkg: cannot write part '/[Content_Types].xml'" + noSpace},
+             {"pack pkg out.docx", 0, false, 0, "out.docx: cannot write: write failed\n"},
+             {"pack pkg out.docx", 100, false, 0, "out.docx: cannot write: write failed\n"},
+             {"pack pkg out.docx", all, true, 0, "out.docx: cannot write: write failed\n"},
+             {"pack pkg " + std::string(256, 'z'), all, false, 0,
+              std::string(256, 'z') + ": cannot write: File name too long\n"}}) {
+        SCOPED_TRACE(line.substr(0, 40) + " " + std::to_string(limit) + (flushFails ? ", flush fails" : ""));
+        RefusingWrites service(limit, flushFails, error);
+        EXPECT_EQ(runWith(service, words(line)), (RunResult{1, "", "opcdir: " + message}));
         EXPECT_EQ(withoutLockFiles(snapshotTree(dir.path())), before);
     }
 }
