@@ -51,7 +51,7 @@ TEST(UnpackHostile, EveryRefusalNamesItsCauseAndLeavesTheTargetAndNothingElse) {
         // The archive, options, and the message after "bad.zip: ".
         {withEntry("/etc/evil"), "", unsafe + "/etc/evil': absolute name"},
         {withEntry("word/../../evil"), "", unsafe + "word/../../evil': '..' segment in name"},
-        {withEntry("..\\..\\evil"), "", unsafe + "..\\..\\evil': backslash in name"},
+        {withEntry("..\\..\\evil"), "", unsafe + "..\\\\..\\\\evil': backslash in name"},
         {withEntry(std::string("word/a\0.xml", 11)), "", unsafe + "word/a\\x00.xml': NUL byte in name"},
         {withEntry("a/\x1b[2J\xc2\x9b/../x"), "", unsafe + "a/\\x1b[2J\\xc2\\x9b/../x': '..' segment in name"},
         {withEntry("[trash]x.xml"), "", unsafe + "[trash]x.xml': reserved name '[trash]'"},
@@ -167,7 +167,7 @@ TEST(ListNames, TypesByOverrideOrDefaultAndNamesEscapedWhereTheyCouldHarm) {
     EXPECT_EQ(runWith(local, {"ls", "--long", pkg}, false, true).out,
               " 331  -                /[Content_Types].xml\n"
               "   1  text/\\x07x       /a\\x1b[2Jb.bin\n"
-              "1234  -                /c\"\\\\x01\\xc2\\x9b\\x7f\xff.bin\n"
+              "1234  -                /c\"\\\\\\x01\\xc2\\x9b\\x7f\xff.bin\n"
               "   6  text/x-doc&main  /word/document.xml\n"
               "  19  application/xml  /word/styles.xml\n"
               "   6  text/plain       /\xc3\xa9t\xc3\xa9.txt\n");

@@ -102,6 +102,8 @@ std::string escapeControls(std::string_view text) {
                         static_cast<unsigned char>(text[i + 1]) <= 0x9f;
         if (byte < 0x20 || byte == 0x7f) {
             escape(byte);
+        } else if (byte == '\\') {
+            result += "\\\\";
         } else if (c1) {
             escape(byte);
             escape(static_cast<unsigned char>(text[++i]));
