@@ -437,6 +437,22 @@ error_code openLockFile(const std::u16string& path, Descriptor& file) {
     return refuseIrregular(info);
 }
 
+// Whether the file at path is the open file fd; a missing path is not.
+error_code isFileAt(const std::u16string& path, int fd, bool& same) {
+    std::string native;
+    if (error_code code = nativePath(path, native)) return code;
+    struct stat open {};
+    struct stat atPath {};
+    if (::fstat(fd, &open) != 0) return lastError();
+    if (::lstat(native.c_str(), &atPath) != 0) {
+        if (errno != ENOENT) return lastError();
+        same = false;
+        return {};
+    }
+    same = atPath.st_dev == open.st_dev && atPath.st_ino == open.st_ino;
+    return {};
+}
+
 // flock(2) has no time-out: a bounded wait polls, pausing a little longer
 // each time, so that a waiter neither spins nor sleeps long past a release.
 error_code lockDescriptor(int fd, int operation, std::optional<std::chrono::nanoseconds> timeout, bool& granted) {
@@ -717,15 +733,23 @@ std::unique_ptr<FileLock> LocalFileSystemOps::lockFileImpl(const std::u16string&
                                                            std::optional<std::chrono::nanoseconds> timeout) {
     if (mode != LockMode::Shared && mode != LockMode::Exclusive)
         fail("Cannot lock " + display(path), systemError(EINVAL));
-    Descriptor file;
-    bool granted = false;
-    error_code code = openLockFile(path, file);
-    if (!code) code = lockDescriptor(file.get(), mode == LockMode::Exclusive ? LOCK_EX : LOCK_SH, timeout, granted);
-    if (code) fail("Cannot lock " + display(path), code);
-    if (!granted) return nullptr;
-    auto lock = std::make_unique<DescriptorLock>(file.get());
-    file.release();  // the lock owns it now
-    return lock;
+    const auto start = std::chrono::steady_clock::now();
+    for (;;) {
+        std::optional<std::chrono::nanoseconds> left = timeout;
+        if (timeout) left = *timeout - (std::chrono::steady_clock::now() - start);
+        Descriptor file;
+        bool granted = false;
+        bool current = false;
+        error_code code = openLockFile(path, file);
+        if (!code) code = lockDescriptor(file.get(), mode == LockMode::Exclusive ? LOCK_EX : LOCK_SH, left, granted);
+        if (!code && granted) code = isFileAt(path, file.get(), current);
+        if (code) fail("Cannot lock " + display(path), code);
+        if (!granted) return nullptr;
+        if (!current) continue;  // removed or replaced while this waited: the file at path counts
+        auto lock = std::make_unique<DescriptorLock>(file.get());
+        file.release();  // the lock owns it now
+        return lock;
+    }
 }
 
 std::uint64_t LocalFileSystemOps::fileSizeImpl(const std::u16string& path) {

@@ -16,6 +16,8 @@
 
 #include <chrono>
 #include <filesystem>
+#include <memory>
+#include <thread>
 #include <vector>
 
 namespace opc::test {
@@ -94,6 +96,25 @@ TEST_F(Lock, ATimeOutWaitsItsTimeThenFailsWithItsMessageAndChangesNothing) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(150));
     EXPECT_OPC_EXCEPTION(PackageLock(pkg, LockMode::Exclusive, std::chrono::nanoseconds(-5)), kTimedOut, timedOut);
     EXPECT_EQ(snapshotTree(dir.path()), before);
+}
+
+// A holder may remove the lock file before it lets go: a process that was
+// waiting on that file then holds the lock of the file now at the path, so
+// that a later taker still waits its turn.
+TEST_F(Lock, AWaiterWhoseLockFileWasRemovedHoldsTheFileNowAtThePath) {
+    auto holder = std::make_unique<PackageLock>(pkg, LockMode::Exclusive);
+    std::unique_ptr<PackageLock> waiter;
+    std::thread waiting(
+        [&] { waiter = std::make_unique<PackageLock>(pkg, LockMode::Exclusive, std::chrono::seconds(5)); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    fs::remove(dir.path() / ".opc-lock-pkg");
+    holder.reset();
+    waiting.join();
+    ASSERT_NE(waiter, nullptr);
+    EXPECT_TRUE(fs::exists(dir.path() / ".opc-lock-pkg"));
+    EXPECT_FALSE(grantedAtOnce(LockMode::Shared));
+    waiter.reset();
+    EXPECT_TRUE(grantedAtOnce(LockMode::Shared));
 }
 
 TEST_F(Lock, AHolderKilledWithSigkillFreesTheLockAtOnce) {

@@ -164,8 +164,11 @@ public:
     // exclusive, also when both are held by this process. Without a timeout
     // waits until the lock is granted; with one, returns null when it ran out
     // first (zero: only tries). The lock lasts until the result is destroyed
-    // or the process ends, however it ends. Never removes the file: a lock
-    // file must stay put while anyone may open it.
+    // or the process ends, however it ends. Never removes the file. What is
+    // granted is a lock on the file at path when it is granted: one removed
+    // or replaced while this waited is let go and the file at path taken
+    // instead, so the holder of an exclusive lock may remove its file before
+    // it lets go.
     std::unique_ptr<FileLock> lockFile(const std::u16string& path,
                                        LockMode mode,
                                        std::optional<std::chrono::nanoseconds> timeout);

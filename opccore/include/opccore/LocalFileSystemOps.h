@@ -96,7 +96,8 @@ class StagingArea;
 //   the umask when missing, so a lock held by a process that dies is released
 //   by the kernel at once. A link (ELOOP), folder (EISDIR) or other file that
 //   is not regular (ENXIO) at the path is refused; a missing folder is ENOENT.
-//   Throws "Cannot lock <path>". A bounded wait polls, so it may end up to a
+//   Throws "Cannot lock <path>". A file removed from under a waiter is made
+//   anew (ENOENT when its folder went too). A bounded wait polls, so it may end up to a
 //   few milliseconds after a release; an unbounded one is woken by the
 //   release itself.
 // - fileSize: answers for the file createInputStream would open, without
