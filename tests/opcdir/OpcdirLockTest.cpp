@@ -5,6 +5,7 @@
 #include "OpcdirHarness.h"
 #include "support/ChildProcess.h"
 #include "support/FaultyFileSystemOps.h"
+#include "support/RawZip.h"
 #include "support/StreamHelpers.h"
 #include "support/Strings.h"
 #include "support/ZipFixture.h"
@@ -125,9 +126,44 @@ TEST_F(Turns, RefusalsOfTheLockAreOneLineAndLeaveEverythingAsItWas) {
     // Reading goes ahead where the lock file may not be made.
     ops.failCall(Hook::LockFile, ops.count(Hook::LockFile) + 1, EROFS);
     EXPECT_EQ(run("cat pkg a.xml"), (RunResult{0, "a", ""}));
-    // A package to create in a folder yet to be made goes ahead unlocked.
-    EXPECT_EQ(run("new made/here/pkg").status, 0);
-    EXPECT_EQ(listFolder(dir.path() / "made" / "here"), std::vector<std::string>{"pkg"});
+}
+
+// A package to create in a folder yet to be made is locked once the command
+// has made that folder: a holder of the lock keeps the command out (the
+// folder stays, with the holder's lock file), a command that fails after it
+// took the lock removes the folders it made, and one that succeeds keeps
+// them with its lock file.
+TEST_F(Turns, CreatingInAFolderYetToBeMadeLocksOnceTheFolderIsMade) {
+    RawZip zip;
+    zip.stored("[Content_Types].xml", kTypes);
+    zip.write(dir.path() / "a.zip");
+    const fs::path made = dir.path() / "made";
+    std::unique_ptr<PackageLock> holder;
+    ops.setBeforeCall([&](const Call& call) {
+        if (call.hook == Hook::LockFile && call.path == dir.u16("made/here/.opc-lock-pkg") && holder == nullptr)
+            holder = std::make_unique<PackageLock>(dir.u16("made/here/pkg"), LockMode::Exclusive);
+    });
+    for (const std::string line : {"new --wait 0.1 made/here/pkg", "unpack --wait 0.1 a.zip made/here/pkg"}) {
+        SCOPED_TRACE(line);
+        EXPECT_EQ(run(line),
+                  (RunResult{1, "", "opcdir: made/here/pkg: still in use by another process after --wait 0.1 s\n"}));
+        EXPECT_EQ(listFolder(made / "here"), std::vector<std::string>{".opc-lock-pkg"});
+        holder.reset();
+        fs::remove_all(made);
+    }
+    ops.setBeforeCall(nullptr);
+    for (const std::string line : {"new made/here/pkg", "unpack a.zip made/here/pkg"}) {
+        SCOPED_TRACE(line);
+        ops.failCall(Hook::Recover, ops.count(Hook::Recover) + 1);
+        const RunResult result = run(line);
+        EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.err.rfind("opcdir: made/here/pkg: cannot recover: ", 0), 0u) << result.err;
+        EXPECT_FALSE(fs::exists(made));
+        ops.clearFailures();
+    }
+    EXPECT_EQ(run("unpack a.zip made/here/pkg"), (RunResult{0, "", ""}));
+    EXPECT_EQ(listFolder(made / "here"), (std::vector<std::string>{".opc-lock-pkg", "pkg"}));
+    EXPECT_EQ(readFile(made / "here" / "pkg" / "[Content_Types].xml"), kTypes);
 }
 
 // Each library commit adds a part "w..." and rewrites index.txt to name every

@@ -2,6 +2,7 @@
 
 #include "ArchivePolicy.h"
 #include "Errors.h"
+#include "PackageLocking.h"
 #include "PartCommands.h"
 #include "PartNames.h"
 #include "RecoveryCommands.h"
@@ -91,48 +92,6 @@ private:
     Session& session;
     Listed entry;
     IPhysicalInputStream* stream = nullptr;
-};
-
-// The folders above a package path that do not exist yet: opening the
-// package makes them, and a failed unpack must not leave them behind.
-class NewParentFolders {
-public:
-    NewParentFolders(opc::FileSystemOps& fileSystem, const std::string& packagePath) : service(fileSystem) {
-        try {
-            std::u16string folder = service.normalizePath(toUtf16(packagePath));
-            for (std::u16string parent = service.getParentPath(folder);
-                 !parent.empty() && parent != folder && !service.exists(parent);
-                 parent = service.getParentPath(folder)) {
-                missing.push_back(parent);
-                folder = parent;
-            }
-        } catch (const opc::Exception& e) {
-            throw Failure(packagePath, libraryCause(e));
-        }
-    }
-    NewParentFolders(const NewParentFolders&) = delete;
-    NewParentFolders& operator=(const NewParentFolders&) = delete;
-    // Deepest first; a folder that something else has filled stays.
-    ~NewParentFolders() {
-        if (kept) return;
-        for (const std::u16string& folder : missing) {
-            try {
-                std::vector<std::u16string> files;
-                service.getFiles(folder, files, true);
-                if (!files.empty()) return;
-                boost::system::error_code ignored;
-                service.removeAll(folder, ignored);
-            } catch (const opc::Exception&) {
-                return;
-            }
-        }
-    }
-    void keep() { kept = true; }
-
-private:
-    opc::FileSystemOps& service;
-    std::vector<std::u16string> missing;
-    bool kept = false;
 };
 
 // The archive's path, refused when packing would write into the package or
@@ -251,13 +210,14 @@ void unpackCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem
     ZipReader reader(fileSystem, archiveName, archiveName);
     const std::vector<const ZipEntry*> files = checkEntries(archiveName, reader, limits);
     reader.checkConsistency();
+    NewParentFolders parents(fileSystem, packageName);
+    parents.make(io);
     recoverPackage(fileSystem, packageName);
     if (!args.has("--force") && !isFreeTarget(fileSystem, packageName))
         throw Failure(packageName, "already exists and is not an empty folder (use --force to replace it)");
 
     // Create mode: whatever is at the path is replaced by the commit alone, so
     // a failure on the way leaves it as it was.
-    NewParentFolders parents(fileSystem, packageName);
     Session session(fileSystem, packageName, OpenMode::Create);
     checkPathLengths(archiveName, files,
                      std::max(toUtf8(session->getPackageRoot()).size(), toUtf8(session->getTempPackageRoot()).size()));

@@ -23,9 +23,15 @@ int run(const std::vector<std::string>& arguments, Io& io, opc::FileSystemOps& f
         }
         const Command& command = *findCommand(args.command);
         failureStatus = command.failureStatus;
-        const auto lock = lockPackage(command, args, io, fileSystem);
-        if (command.statusHandler != nullptr) return command.statusHandler(args, io, fileSystem);
-        command.handler(args, io, fileSystem);
+        auto lock = lockPackage(command, args, io, fileSystem);
+        Io commandIo = io;
+        if (lock == nullptr && command.package.access == Access::Create)
+            commandIo.lockCreatedPackage = [&] {
+                lock = lockPackage(command, args, io, fileSystem);
+                return lock != nullptr ? lock->getLockPath() : std::u16string();
+            };
+        if (command.statusHandler != nullptr) return command.statusHandler(args, commandIo, fileSystem);
+        command.handler(args, commandIo, fileSystem);
         return 0;
     } catch (const UsageError& e) {
         io.err << "opcdir: " << e.what() << "\n";

@@ -7,6 +7,8 @@
 #include <opcfspackage/PackageLock.h>
 
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace opcdir {
 
@@ -17,7 +19,9 @@ namespace opcdir {
 //
 // Throws Failure "still in use by another process after --wait ..." when the
 // wait runs out, "no such package folder" for a package to read or write
-// whose folder's folder is missing (one to create there goes ahead unlocked),
+// whose folder's folder is missing (for one to create there the dispatcher
+// sets Io::lockCreatedPackage instead, which takes the lock once the command
+// has made that folder),
 // and "cannot lock the package: <cause>" when the lock file cannot be used;
 // reading goes ahead unlocked where the lock file may not be made (a folder
 // the user may not write to, a read-only file system).
@@ -25,5 +29,33 @@ std::unique_ptr<opc::fspackage::PackageLock> lockPackage(const Command& command,
                                                          const Arguments& args,
                                                          Io& io,
                                                          opc::FileSystemOps& fileSystem);
+
+// The folders above a package to create that do not exist yet. A command
+// makes them with make() once its checks passed, which also takes the lock
+// the dispatcher could not take without them. Unless keep() is called, the
+// destructor removes them again where they hold nothing else, with the lock
+// file in them when this command took that lock: it runs before the lock is
+// let go, and a process waiting on the removed file then takes the one at
+// the path (see FileSystemOps::lockFile).
+class NewParentFolders {
+public:
+    // Throws Failure(packageName, ...) when the service cannot tell.
+    NewParentFolders(opc::FileSystemOps& fileSystem, const std::string& packageName);
+    NewParentFolders(const NewParentFolders&) = delete;
+    NewParentFolders& operator=(const NewParentFolders&) = delete;
+    ~NewParentFolders();
+
+    // Makes the folders and calls io.lockCreatedPackage when set. Throws
+    // Failure(packageName, ...).
+    void make(Io& io);
+    void keep() { kept = true; }
+
+private:
+    opc::FileSystemOps& service;
+    std::string name;
+    std::vector<std::u16string> missing;  // deepest first
+    std::u16string lockFile;              // taken by make(), in missing.front()
+    bool kept = false;
+};
 
 }  // namespace opcdir

@@ -2,6 +2,7 @@
 
 #include "ContentTypes.h"
 #include "Errors.h"
+#include "PackageLocking.h"
 #include "PartNames.h"
 #include "RecoveryCommands.h"
 #include "Session.h"
@@ -236,8 +237,10 @@ bool isFreeTarget(opc::FileSystemOps& fileSystem, const std::string& path) {
     }
 }
 
-void newCommand(const Arguments& args, Io&, opc::FileSystemOps& fileSystem) {
+void newCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
     const std::string& packageName = args.operands[0];
+    NewParentFolders parents(fileSystem, packageName);
+    parents.make(io);
     recoverPackage(fileSystem, packageName);
     if (!isFreeTarget(fileSystem, packageName)) throw Failure(packageName, "already exists and is not an empty folder");
     Session session(fileSystem, packageName, OpenMode::Create);
@@ -246,6 +249,7 @@ void newCommand(const Arguments& args, Io&, opc::FileSystemOps& fileSystem) {
     writeAll(session, contentTypesPartName(), stream, content.data(), content.size());
     finishPart(session, contentTypesPartName(), stream);
     session.commit();
+    parents.keep();
 }
 
 }  // namespace opcdir

@@ -5,8 +5,10 @@
 #include <opccore/FileSystemOps.h>
 
 #include <cstddef>
+#include <functional>
 #include <iosfwd>
 #include <limits>
+#include <string>
 #include <vector>
 
 namespace opcdir {
@@ -21,6 +23,11 @@ struct Io {
     // Names listed on a terminal get their control characters escaped, so
     // that a name cannot carry escape sequences to it.
     bool outIsTerminal = false;
+    // Set by the dispatcher when a package to create had no folder to hold
+    // its lock: the command makes that folder and then calls this, before it
+    // looks at the package path (see NewParentFolders). Returns the lock
+    // file, or empty when the lock was not taken.
+    std::function<std::u16string()> lockCreatedPackage{};
 };
 
 // Carries out one parsed command line. Throws Failure or UsageError; every
