@@ -42,7 +42,7 @@ enum class IrregularKind : std::int32_t {
 
 struct IrregularEntry {
     std::u16string path;  // folder, "/" and the relative path, as getFiles() spells its entries
-    IrregularKind kind;
+    IrregularKind kind = IrregularKind::SymbolicLink;
 };
 
 // Everything the OPC libraries do to a disk goes through one object of this
