@@ -24,6 +24,7 @@ int run(const std::vector<std::string>& arguments, Io& io, opc::FileSystemOps& f
         const Command& command = *findCommand(args.command);
         failureStatus = command.failureStatus;
         auto lock = lockPackage(command, args, io, fileSystem);
+        const auto readLocks = lockFolderOperands(command, args, io, fileSystem);
         Io commandIo = io;
         if (lock == nullptr && command.package.access == Access::Create)
             commandIo.lockCreatedPackage = [&] {

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <optional>
+#include <utility>
 
 namespace opcdir {
 namespace {
@@ -58,17 +59,9 @@ bool hasFolder(opc::FileSystemOps& fileSystem, const std::string& name, Access a
     return false;
 }
 
-}  // namespace
-
-std::unique_ptr<PackageLock> lockPackage(const Command& command,
-                                         const Arguments& args,
-                                         Io& io,
-                                         opc::FileSystemOps& fileSystem) {
-    const Access access = command.package.access;
-    if (access == Access::None) return nullptr;
-    const std::string& name = args.operands.at(command.package.operand);
-    const Wait wait = parseWait(args);
-    if (!hasFolder(fileSystem, name, access)) return nullptr;
+// Takes the lock of the package name, whose folder's folder exists.
+std::unique_ptr<PackageLock> takeLock(
+    const std::string& name, Access access, Wait wait, const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
     const opc::LockMode mode = access == Access::Read ? opc::LockMode::Shared : opc::LockMode::Exclusive;
     const auto take = [&](Wait timeout) {
         return std::make_unique<PackageLock>(toUtf16(name), mode, fileSystem, timeout);
@@ -88,6 +81,40 @@ std::unique_ptr<PackageLock> lockPackage(const Command& command,
         if (access == Access::Read && mayReadUnlocked(e)) return nullptr;
         throw Failure(name, "cannot lock the package: " + e.code().message());
     }
+}
+
+}  // namespace
+
+std::unique_ptr<PackageLock> lockPackage(const Command& command,
+                                         const Arguments& args,
+                                         Io& io,
+                                         opc::FileSystemOps& fileSystem) {
+    const Access access = command.package.access;
+    if (access == Access::None || access == Access::ReadEach) return nullptr;
+    const std::string& name = args.operands.at(command.package.operand);
+    const Wait wait = parseWait(args);
+    if (!hasFolder(fileSystem, name, access)) return nullptr;
+    return takeLock(name, access, wait, args, io, fileSystem);
+}
+
+std::vector<std::unique_ptr<PackageLock>> lockFolderOperands(const Command& command,
+                                                             const Arguments& args,
+                                                             Io& io,
+                                                             opc::FileSystemOps& fileSystem) {
+    std::vector<std::unique_ptr<PackageLock>> locks;
+    if (command.package.access != Access::ReadEach) return locks;
+    const Wait wait = parseWait(args);
+    for (const std::string& name : args.operands) {
+        bool folder = false;
+        try {
+            folder = fileSystem.isFolder(fileSystem.normalizePath(toUtf16(name)));
+        } catch (const opc::Exception& e) {
+            throw Failure(name, libraryCause(e));
+        }
+        if (!folder) continue;
+        if (auto lock = takeLock(name, Access::Read, wait, args, io, fileSystem)) locks.push_back(std::move(lock));
+    }
+    return locks;
 }
 
 NewParentFolders::NewParentFolders(opc::FileSystemOps& fileSystem, const std::string& packageName)

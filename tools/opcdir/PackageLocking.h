@@ -14,7 +14,8 @@ namespace opcdir {
 
 // Takes the lock of the package the command names, as its registry entry
 // declares: shared to read, exclusive to write or create; none for a command
-// without a package. Waits as long as --wait allows (no bound without it),
+// without a package or one that locks each folder operand
+// (lockFolderOperands). Waits as long as --wait allows (no bound without it),
 // telling a terminal once when the wait passes a second.
 //
 // Throws Failure "still in use by another process after --wait ..." when the
@@ -29,6 +30,16 @@ std::unique_ptr<opc::fspackage::PackageLock> lockPackage(const Command& command,
                                                          const Arguments& args,
                                                          Io& io,
                                                          opc::FileSystemOps& fileSystem);
+
+// For a command that reads packages given as folders or ZIP files: the
+// shared lock of each operand that is a package folder, taken in the order
+// of the operands (shared locks never wait on one another, so two commands
+// naming the same packages in other orders cannot deadlock). Fails as
+// lockPackage does.
+std::vector<std::unique_ptr<opc::fspackage::PackageLock>> lockFolderOperands(const Command& command,
+                                                                             const Arguments& args,
+                                                                             Io& io,
+                                                                             opc::FileSystemOps& fileSystem);
 
 // The folders above a package to create that do not exist yet. A command
 // makes them with make() once its checks passed, which also takes the lock

@@ -109,7 +109,7 @@ const std::vector<Command>& commands() {
          {{"--text", "-t", false}},
          2,
          2,
-         {Access::None, 0},  // reads folders and files alike, taking no lock
+         {Access::ReadEach, 0},
          nullptr,
          &diffCommand,
          2},
@@ -124,7 +124,7 @@ const std::vector<Command>& commands() {
          {},
          1,
          1,
-         {Access::None, 0},
+         {Access::ReadEach, 0},
          nullptr,
          &checkCommand,
          2},
@@ -139,7 +139,7 @@ const std::vector<Command>& commands() {
          {},
          1,
          1,
-         {Access::None, 0},
+         {Access::ReadEach, 0},
          &textconvCommand},
     };
     return table;

@@ -48,10 +48,11 @@ inline constexpr std::size_t kUnbounded = std::numeric_limits<std::size_t>::max(
 // What a command does to the package one of its operands names. The
 // dispatcher holds that package's lock for the whole command accordingly.
 enum class Access {
-    None,    // no package: no lock
-    Read,    // shared with other readers
-    Write,   // alone; the package must exist
-    Create,  // alone, once the folder that is to hold the package exists
+    None,      // no package: no lock
+    Read,      // shared with other readers
+    ReadEach,  // shared, on each operand that is a package folder (a ZIP file needs none)
+    Write,     // alone; the package must exist
+    Create,    // alone, once the folder that is to hold the package exists
 };
 
 struct PackageUse {
