@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs, from Debian's packages, everything the build, the tests, the tool and
-# the benchmarks need. Idempotent and quiet when all is there; must run as root
+# the benchmarks need (python3-docx and python3-openpyxl: real clients that
+# open what pack writes). Idempotent and quiet when all is there; must run as root
 # (or through sudo) only when something is missing.
 set -euo pipefail
 
@@ -12,6 +13,7 @@ packages=(
   libpugixml-dev nettle-dev
   libbenchmark-dev
   clang-format clang-tidy
+  python3-docx python3-openpyxl
 )
 
 missing=()
