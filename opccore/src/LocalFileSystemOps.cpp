@@ -20,7 +20,6 @@
 #include <filesystem>
 #include <iterator>
 #include <new>
-#include <random>
 #include <thread>
 #include <utility>
 
@@ -598,13 +597,9 @@ std::u16string LocalFileSystemOps::getParentPathImpl(const std::u16string& path)
 }
 
 std::u16string LocalFileSystemOps::getTempNameImpl(const std::u16string& folder) {
-    // Drawn afresh from the system each time: a forked child must not repeat
-    // its parent's names.
-    std::random_device random;
     for (;;) {
-        const std::uint64_t bits = (std::uint64_t{random()} << 32) ^ random();
-        std::u16string name = u".opc-";
-        for (int shift = 60; shift >= 0; shift -= 4) name += u"0123456789abcdef"[(bits >> shift) & 0xF];
+        const std::string hidden = detail::randomHiddenName();
+        const std::u16string name(hidden.begin(), hidden.end());  // ASCII
         std::u16string candidate = LocalFileSystemOps::appendPathImpl(folder, name);
         std::string native;
         if (error_code code = nativePath(candidate, native))

@@ -41,7 +41,9 @@ std::string parentOf(const std::string& path);
 std::string baseNameOf(const std::string& path);
 // A folder opened for flock, fsync and the *at calls.
 error_code openFolder(const std::string& path, Fd& folder);
-// A hidden name beside a package: ".opc-" and 16 random hex digits.
+// A hidden name beside a package: ".opc-" and 16 random hex digits, drawn
+// afresh from the system each time, so that a forked child does not repeat
+// its parent's names.
 std::string randomHiddenName();
 
 // What a swap journal says: the package's name and the name it was moved
