@@ -626,6 +626,11 @@ std::string packageSize(std::size_t xmlParts, std::size_t images) {
     return std::to_string(xmlParts) + " XML parts, " + std::to_string(images) + " images of 2 MiB";
 }
 
+// zip's archive of the folder's contents, timed from fork to exit.
+Sample zipFolder(const fs::path& folder, const fs::path& archive) {
+    return runCommand({"sh", "-c", "cd \"$0\" && zip -q -r -X \"$1\" .", folder.string(), archive.string()}, false);
+}
+
 // opcdir pack at its defaults against zip -q -r -X of the same folder; the
 // archive sizes go to the notes.
 Workload packWorkload(const fs::path& root, std::size_t xmlParts, std::size_t images) {
@@ -644,9 +649,7 @@ Workload packWorkload(const fs::path& root, std::size_t xmlParts, std::size_t im
         require(fs::file_size(ours) > 0, "opcdir pack wrote nothing");
         fs::remove(ours);
     };
-    w.baseline = [package, theirs] {
-        return runCommand({"sh", "-c", "cd \"$0\" && zip -q -r -X \"$1\" .", package.string(), theirs.string()}, false);
-    };
+    w.baseline = [package, theirs] { return zipFolder(package, theirs); };
     w.afterBaseline = [package, ours, theirs] {
         runCommand({OPCDIR_PATH, "pack", package.string(), ours.string()}, false);
         const double ratio = static_cast<double>(fs::file_size(ours)) / static_cast<double>(fs::file_size(theirs));
@@ -668,7 +671,7 @@ Workload unpackWorkload(const fs::path& root, std::size_t xmlParts, std::size_t 
     const fs::path ours = root / "unpack-opcdir";
     const fs::path theirs = root / "unpack-unzip";
     makeDocumentPackage(package, xmlParts, images);
-    runCommand({"sh", "-c", "cd \"$0\" && zip -q -r -X \"$1\" .", package.string(), archive.string()}, false);
+    zipFolder(package, archive);
     fs::remove_all(package);
     const std::size_t files = xmlParts + images + 1;
     Workload w;

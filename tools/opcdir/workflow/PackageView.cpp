@@ -2,6 +2,7 @@
 
 #include "Errors.h"
 #include "PartNames.h"
+#include "Session.h"
 #include "Zip.h"
 
 #include <opccore/Exception.h>
@@ -18,15 +19,6 @@ namespace {
 using opc::interfaces::IPhysicalInputStream;
 
 constexpr std::size_t kPiece = std::size_t{64} * 1024;
-
-std::string contentTypesPartName() { return "/" + std::string(kContentTypesName); }
-
-std::string causeOf(const opc::Exception& e) {
-    std::string cause = e.what();
-    if (e.code().failed() && cause.find(e.code().message()) == std::string::npos)
-        cause += " (" + e.code().message() + ")";
-    return cause;
-}
 
 const char* kindName(opc::IrregularKind kind) {
     switch (kind) {
@@ -46,7 +38,7 @@ public:
             package.open(opc::interfaces::Read);
             for (opc::interfaces::IPhysicalPart* part : package.getParts()) parts[toUtf8(part->getName())] = part;
         } catch (const opc::Exception& e) {
-            throw Failure(subject(), "cannot open package: " + causeOf(e));
+            throw Failure(subject(), "cannot open package: " + libraryCause(e));
         }
         names.push_back(contentTypesPartName());
         for (const auto& entry : parts) names.push_back(entry.first);
@@ -78,7 +70,7 @@ public:
             stream->close();
             if (failed) throw Failure(subject(), "cannot read part " + quoteName(partName));
         } catch (const opc::Exception& e) {
-            throw Failure(subject(), "cannot read part " + quoteName(partName) + ": " + causeOf(e));
+            throw Failure(subject(), "cannot read part " + quoteName(partName) + ": " + libraryCause(e));
         }
     }
 
@@ -88,7 +80,7 @@ public:
         try {
             service.getIrregularEntries(root, irregular);
         } catch (const opc::Exception& e) {
-            throw Failure(subject(), "cannot list the package folder: " + causeOf(e));
+            throw Failure(subject(), "cannot list the package folder: " + libraryCause(e));
         }
         std::vector<StrayEntry> found;
         for (const opc::IrregularEntry& entry : irregular) {
@@ -138,13 +130,13 @@ std::unique_ptr<PackageView> PackageView::open(opc::FileSystemOps& fileSystem, c
     try {
         folder = fileSystem.isFolder(toUtf16(argument));
     } catch (const opc::Exception& e) {
-        throw Failure(argument, causeOf(e));
+        throw Failure(argument, libraryCause(e));
     }
     if (folder) {
         try {
             return std::make_unique<FolderView>(fileSystem, argument);
         } catch (const opc::Exception& e) {  // from the package's constructor
-            throw Failure(argument, "cannot open package: " + causeOf(e));
+            throw Failure(argument, "cannot open package: " + libraryCause(e));
         }
     }
     return std::make_unique<ZipView>(fileSystem, argument);
