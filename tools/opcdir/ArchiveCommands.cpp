@@ -2,7 +2,7 @@
 
 #include "ArchivePolicy.h"
 #include "Errors.h"
-#include "PackageLocking.h"
+#include "NewParentFolders.h"
 #include "PartCommands.h"
 #include "PartNames.h"
 #include "RecoveryCommands.h"

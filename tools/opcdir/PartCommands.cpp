@@ -2,7 +2,7 @@
 
 #include "ContentTypes.h"
 #include "Errors.h"
-#include "PackageLocking.h"
+#include "NewParentFolders.h"
 #include "PartNames.h"
 #include "RecoveryCommands.h"
 #include "Session.h"
