@@ -145,7 +145,8 @@ TEST_F(StrangersPackage, NothingOutsideIsReadAndACommitDropsWhatIsNoFile) {
 
 // ls finds each part's type by override or default, whatever the case of
 // the extension, the percent-encoding of the name or comments; it escapes
-// control characters on a terminal, and always in JSON.
+// control characters and bytes outside UTF-8 on a terminal, and always in
+// JSON.
 TEST(ListNames, TypesByOverrideOrDefaultAndNamesEscapedWhereTheyCouldHarm) {
     TempDir dir;
     writeFile(dir.path() / "pkg" / "[Content_Types].xml",
@@ -167,7 +168,7 @@ TEST(ListNames, TypesByOverrideOrDefaultAndNamesEscapedWhereTheyCouldHarm) {
     EXPECT_EQ(runWith(local, {"ls", "--long", pkg}, false, true).out,
               " 331  -                /[Content_Types].xml\n"
               "   1  text/\\x07x       /a\\x1b[2Jb.bin\n"
-              "1234  -                /c\"\\\\\\x01\\xc2\\x9b\\x7f\xff.bin\n"
+              "1234  -                /c\"\\\\\\x01\\xc2\\x9b\\x7f\\xff.bin\n"
               "   6  text/x-doc&main  /word/document.xml\n"
               "  19  application/xml  /word/styles.xml\n"
               "   6  text/plain       /\xc3\xa9t\xc3\xa9.txt\n");

@@ -98,17 +98,28 @@ std::string escapeControls(std::string_view text) {
     };
     for (std::size_t i = 0; i < text.size(); ++i) {
         const auto byte = static_cast<unsigned char>(text[i]);
-        const bool c1 = byte == 0xc2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) >= 0x80 &&
-                        static_cast<unsigned char>(text[i + 1]) <= 0x9f;
         if (byte < 0x20 || byte == 0x7f) {
             escape(byte);
         } else if (byte == '\\') {
             result += "\\\\";
-        } else if (c1) {
-            escape(byte);
-            escape(static_cast<unsigned char>(text[++i]));
-        } else {
+        } else if (byte < 0x80) {
             result += text[i];
+        } else {
+            // A byte outside well-formed UTF-8 is escaped alone: some
+            // terminals take a raw 0x9b for CSI.
+            const std::size_t length = byte >= 0xf0 ? 4 : byte >= 0xe0 ? 3 : byte >= 0xc0 ? 2 : 1;
+            const std::string_view sequence = text.substr(i, length);
+            const bool c1 = byte == 0xc2 && sequence.size() == 2 && static_cast<unsigned char>(sequence[1]) <= 0x9f;
+            if (length == 1 || sequence.size() < length || !opc::NameCodec::isUtf8(sequence)) {
+                escape(byte);
+            } else if (c1) {
+                escape(byte);
+                escape(static_cast<unsigned char>(sequence[1]));
+                ++i;
+            } else {
+                result.append(sequence);
+                i += length - 1;
+            }
         }
     }
     return result;

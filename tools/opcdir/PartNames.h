@@ -45,9 +45,9 @@ std::string equivalenceKey(std::string_view partName);
 
 // text with every control character written as \xNN: the C0 controls,
 // DEL, and the C1 controls U+0080 to U+009F (whose CSI a terminal takes as an
-// escape sequence), so that text from a package cannot drive a terminal. A
-// backslash is written \\, so that a name holding the text "\x1b" does not
-// read as one holding ESC.
+// escape sequence), and every byte that is not part of well-formed UTF-8, so
+// that text from a package cannot drive a terminal. A backslash is written
+// \\, so that a name holding the text "\x1b" does not read as one holding ESC.
 std::string escapeControls(std::string_view text);
 
 // The name quoted for a message, with control characters escaped so that an
