@@ -2,6 +2,7 @@
 #include <opccore/LocalFileSystemOps.h>
 #include <opccore/NameCodec.h>
 
+#include "ListedFolders.h"
 #include "StagingArea.h"
 
 #include <ext/stdio_filebuf.h>
@@ -20,6 +21,7 @@
 #include <filesystem>
 #include <iterator>
 #include <new>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -264,10 +266,12 @@ void appendChildPath(std::u16string& path, const std::u16string& prefix, std::st
     NameCodec::appendDecoded(path, name);
 }
 
-// What one listing gathers: files, irregular entries, or both.
+// What one listing gathers: files, irregular entries, or both, and the
+// folders files came from.
 struct Listing {
     std::deque<std::u16string>* files = nullptr;
     std::vector<IrregularEntry>* irregular = nullptr;
+    detail::ListedFolders* folders = nullptr;
 };
 
 // Reads one folder into listing; its subfolders go to pending.
@@ -323,12 +327,17 @@ void listTree(const std::u16string& folder, const Listing& listing, bool recursi
         fail("Cannot list folder " + display(folder), code);
     pending.front().prefix = folder;
     pending.front().named = true;
+    // A relative folder would be resolved against whatever the current folder is at each test.
+    detail::ListedFolders* const folders = !folder.empty() && folder.front() == u'/' ? listing.folders : nullptr;
     while (!pending.empty()) {
-        const PendingFolder current = std::move(pending.back());
+        PendingFolder current = std::move(pending.back());
         pending.pop_back();
+        const std::size_t before = listing.files != nullptr ? listing.files->size() : 0;
         if (error_code code = listFolder(current, listing, recursive ? &pending : nullptr)) {
             fail("Cannot list folder " + display(current.prefix), code);
         }
+        const std::size_t added = listing.files != nullptr ? listing.files->size() - before : 0;
+        if (folders != nullptr && added > 0) folders->add(std::move(current.prefix), std::move(current.native), added);
     }
 }
 
@@ -615,7 +624,23 @@ std::u16string LocalFileSystemOps::getTempNameImpl(const std::u16string& folder)
     }
 }
 
+void LocalFileSystemOps::dropListing() noexcept {
+    if (listed) listed->clear();
+}
+
 bool LocalFileSystemOps::existsImpl(const std::u16string& path) {
+    const std::size_t slash = path.rfind(u'/');
+    if (listed && !listed->empty() && slash != std::u16string::npos) {
+        const std::u16string_view name = std::u16string_view(path).substr(slash + 1);
+        if (!name.empty() && name != u"." && name != u"..") {
+            const SystemPath nativeName(name);
+            const std::optional<bool> found =
+                nativeName.error() ? std::nullopt
+                                   : listed->exists(std::u16string_view(path).substr(0, slash), nativeName.c_str(),
+                                                    std::char_traits<char>::length(nativeName.c_str()));
+            if (found) return *found;
+        }
+    }
     // An access test resolves the path as stat() does but fills in nothing.
     const SystemPath native(path);
     return !native.error() && ::faccessat(AT_FDCWD, native.c_str(), F_OK, AT_EACCESS) == 0;
@@ -629,12 +654,14 @@ bool LocalFileSystemOps::isFolderImpl(const std::u16string& path) {
 void LocalFileSystemOps::getFilesImpl(const std::u16string& folder,
                                       std::vector<std::u16string>& files,
                                       bool recursive) {
+    dropListing();
+    if (!listed) listed = std::make_unique<detail::ListedFolders>();
     // Gathered in blocks and moved into files at once: growing a vector of a
     // large listing step by step would touch each of its sizes in new memory.
-    std::deque<std::u16string> listed;
-    listTree(folder, Listing{&listed, nullptr}, recursive);
-    files.reserve(files.size() + listed.size());
-    std::move(listed.begin(), listed.end(), std::back_inserter(files));
+    std::deque<std::u16string> found;
+    listTree(folder, Listing{&found, nullptr, listed.get()}, recursive);
+    files.reserve(files.size() + found.size());
+    std::move(found.begin(), found.end(), std::back_inserter(files));
 }
 
 void LocalFileSystemOps::getIrregularEntriesImpl(const std::u16string& folder, std::vector<IrregularEntry>& entries) {
@@ -642,6 +669,7 @@ void LocalFileSystemOps::getIrregularEntriesImpl(const std::u16string& folder, s
 }
 
 error_code LocalFileSystemOps::createFoldersTracked(const std::u16string& path) {
+    dropListing();  // a staging folder that cannot be locked is removed again
     std::string native;
     if (error_code code = nativePath(path, native)) return code;
     return staging->createFolders(native, [&] { return createFoldersAt(path); });
@@ -696,12 +724,14 @@ void LocalFileSystemOps::copyImpl(const std::u16string& from, const std::u16stri
 }
 
 void LocalFileSystemOps::renameImpl(const std::u16string& from, const std::u16string& to) {
+    dropListing();
     if (error_code code =
             staging->rename(NameCodec::encode(from), NameCodec::encode(to), [&] { return renameNoReplace(from, to); }))
         fail("Cannot rename " + display(from) + " to " + display(to), code);
 }
 
 error_code LocalFileSystemOps::removeAllTracked(const std::u16string& path) {
+    dropListing();
     return staging->removeAll(NameCodec::encode(path), [&] { return removeAllAt(path); });
 }
 
@@ -714,6 +744,7 @@ void LocalFileSystemOps::removeAllImpl(const std::u16string& path, boost::system
 }
 
 RecoveryReport LocalFileSystemOps::recoverImpl(const std::u16string& packagePath) {
+    dropListing();
     const std::u16string path = LocalFileSystemOps::normalizePathImpl(packagePath);
     std::string native;
     RecoveryReport report;
@@ -754,6 +785,7 @@ std::uint64_t LocalFileSystemOps::fileSizeImpl(const std::u16string& path) {
 }
 
 void LocalFileSystemOps::replaceFileImpl(const std::u16string& from, const std::u16string& to) {
+    dropListing();
     if (error_code code = replaceWithFile(from, to, staging->durable))
         fail("Cannot replace " + display(to) + " by " + display(from), code);
 }

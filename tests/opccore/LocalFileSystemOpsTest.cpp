@@ -2,11 +2,15 @@
 
 #include "support/IrregularEntries.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdint>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <set>
 #include <tuple>
@@ -114,30 +118,122 @@ TEST_F(Service, OnlyRegularFilesAreListedReadOrCopiedAndNothingOutsideIsReached)
     EXPECT_EQ(snapshotTree(dir.path()), before);
 }
 
+// Each answer is checked as a full-path test and again as the first test in
+// its folder after a listing, which tests the last component in the folder.
 TEST_F(Service, ExistsAndIsFolderFollowLinksAndAnswerFalseForPathsThatDoNotResolve) {
     writeFile(dir.path() / "file", "f");
-    fs::create_directory(dir.path() / "folder");
-    fs::create_directory_symlink(dir.path() / "folder", dir.path() / "to-folder");
+    writeFile(dir.path() / "caf\xC3\xA9", "e");
+    writeFile(dir.path() / "folder.xml" / "inner", "i");  // a folder named like a file
+    fs::create_directory_symlink(dir.path() / "folder.xml", dir.path() / "to-folder");
     fs::create_symlink(dir.path() / "file", dir.path() / "to-file");
     fs::create_symlink(dir.path() / "gone", dir.path() / "dangling");
     fs::create_symlink("loop", dir.path() / "loop");
     for (const auto& [name, exists, isFolder] :
          std::vector<std::tuple<std::string, bool, bool>>{{"file", true, false},
-                                                          {"folder", true, true},
+                                                          {"caf\xC3\xA9", true, false},
+                                                          {"folder.xml", true, true},
+                                                          {"folder.xml/inner", true, false},
+                                                          {"folder.xml/", true, true},
+                                                          {"folder.xml/.", true, true},
+                                                          {"folder.xml/..", true, true},
                                                           {"to-folder", true, true},
                                                           {"to-file", true, false},
                                                           {"dangling", false, false},
                                                           {"missing", false, false},
                                                           {"file/below", false, false},
+                                                          {"file/", false, false},
                                                           {"loop", false, false},
                                                           {std::string(300, 'n'), false, false}}) {
         EXPECT_EQ(ops.exists(dir.u16(name)), exists) << name;
         EXPECT_EQ(ops.isFolder(dir.u16(name)), isFolder) << name;
+        listed(ops, dir.u16(), true);
+        EXPECT_EQ(ops.exists(dir.u16(name)), exists) << name << " after a listing";
     }
-    // A NUL character names no file.
-    const std::u16string cut = dir.u16("file") + std::u16string(1, u'\0') + u"b";
-    EXPECT_FALSE(ops.exists(cut));
+    // A NUL character names no file, also where it would cut the last component short.
+    EXPECT_FALSE(ops.exists(dir.u16("file") + std::u16string(1, u'\0') + u"b"));
+    listed(ops, dir.u16(), false);
+    EXPECT_FALSE(ops.exists(dir.u16("file") + std::u16string(1, u'\0')));
     EXPECT_FALSE(ops.isFolder(dir.u16() + std::u16string(1, u'\0')));
+}
+
+std::size_t openDescriptors() {
+    return static_cast<std::size_t>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
+}
+
+// A package tests every listed file in the listing's order; that leaves no
+// folder open, and a sequence cut short leaves at most one until the record
+// is dropped.
+TEST_F(Service, ExistsAfterAListingKeepsOneFolderOpenAndClosesItWhenItsFilesAreTested) {
+    for (const char* name : {"a/w", "a/x", "a/y", "a/z", "b/x", "b/y", "types"})
+        writeFile(dir.path() / "pkg" / name, name);
+    const std::size_t before = openDescriptors();
+    std::vector<std::u16string> files;
+    ops.getFiles(dir.u16("pkg"), files, true);
+    for (const std::u16string& file : files) EXPECT_TRUE(ops.exists(file)) << toUtf8(file);
+    EXPECT_EQ(openDescriptors(), before);
+
+    const auto open = [&](const char* path) {
+        EXPECT_TRUE(ops.exists(dir.u16(path))) << path;
+        return openDescriptors() - before;
+    };
+    const std::u16string missing = dir.u16("pkg/a/missing");
+    for (const std::function<void()>& drop : std::vector<std::function<void()>>{
+             [&] { EXPECT_FALSE(ops.exists(missing)); },  // a test that finds nothing
+             [&] { ops.removeAll(missing); }, [&] { ops.getFiles(dir.u16("pkg/b"), files, false); }}) {
+        listed(ops, dir.u16("pkg"), true);
+        EXPECT_EQ(open("pkg/a/x"), 1u);
+        EXPECT_EQ(open("pkg/b/x"), 1u);  // a is closed, its credit kept
+        EXPECT_EQ(open("pkg/a/y"), 1u);
+        drop();
+        EXPECT_EQ(openDescriptors(), before);
+    }
+    {
+        Ops other;
+        other.getFiles(dir.u16("pkg"), files, true);
+        EXPECT_TRUE(other.exists(dir.u16("pkg/a/x")));
+        EXPECT_EQ(openDescriptors(), before + 1);
+    }
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(Service, ExistsAfterAListingAnswersForFoldersThisServiceMovedOrRemoved) {
+    for (const char* name : {"a/x", "a/y", "a/z"}) writeFile(dir.path() / "pkg" / name, name);
+    listed(ops, dir.u16("pkg"), true);
+    EXPECT_TRUE(ops.exists(dir.u16("pkg/a/x")));
+    ops.rename(dir.u16("pkg/a"), dir.u16("pkg/moved"));
+    EXPECT_FALSE(ops.exists(dir.u16("pkg/a/y")));  // the folder opened before holds y still
+    EXPECT_TRUE(ops.exists(dir.u16("pkg/moved/y")));
+
+    listed(ops, dir.u16("pkg"), true);
+    EXPECT_TRUE(ops.exists(dir.u16("pkg/moved/x")));
+    ops.removeAll(dir.u16("pkg/moved"));
+    writeFile(dir.path() / "pkg" / "moved" / "y", "new");
+    EXPECT_TRUE(ops.exists(dir.u16("pkg/moved/y")));  // the folder opened before is gone
+    EXPECT_FALSE(ops.exists(dir.u16("pkg/moved/z")));
+}
+
+// A folder just short of the longest path the kernel takes holds a file whose
+// full path is too long: the test in the folder must not find it either.
+TEST_F(Service, ExistsAfterAListingRefusesAPathTooLongForTheFullPathTest) {
+    const std::string name(200, 'f');
+    std::string folder = dir.path().native() + "/deep";
+    ASSERT_EQ(::mkdir(folder.c_str(), 0700), 0);
+    int fd = ::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    while (folder.size() < PATH_MAX - name.size()) {
+        const std::string segment(std::min<std::size_t>(200, PATH_MAX - name.size() - folder.size()), 'd');
+        ASSERT_EQ(::mkdirat(fd, segment.c_str(), 0700), 0);
+        const int inner = ::openat(fd, segment.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+        ::close(fd);
+        fd = inner;
+        folder += "/" + segment;
+    }
+    ASSERT_LT(folder.size(), std::size_t{PATH_MAX});
+    ::close(::openat(fd, name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    const std::u16string path = fromUtf8(folder + "/" + name);
+    EXPECT_EQ(listed(ops, dir.u16("deep"), true), Strings{toUtf8(path)});
+    EXPECT_FALSE(ops.exists(path));
+    EXPECT_EQ(::unlinkat(fd, name.c_str(), 0), 0);  // too long a path for the folder's removal
+    ::close(fd);
 }
 
 TEST_F(Service, GetTempNameGivesAHiddenFreshNameEachTimeAndMakesNothing) {

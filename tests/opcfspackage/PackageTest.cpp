@@ -154,7 +154,13 @@ TEST_F(Open, ReadListsAllButTopLevelTrashAndEmptyFoldersAndMakesNoTemporaryFolde
     write({{"[trash]/x", "1"}, {"[trash]/d/y", "2"}, {"[trash]y", "3"}, {"[Trash]/d", "4"}, {"a/[trash]/b", "5"}});
     std::filesystem::create_directories(dir.path() / "pkg" / "empty" / "y");
     original = snapshotTree(dir.path());
+    const auto descriptors = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                             std::filesystem::directory_iterator());
+    };
+    const auto before = descriptors();
     EXPECT_TRUE(open(OpenMode::Read).getTempPackageRoot().empty());
+    EXPECT_EQ(descriptors(), before);  // no folder left open by the existence tests, not even for [trash]y
     EXPECT_EQ(partNames(*package), (Names{u"/[Trash]/d", u"/a/[trash]/b"}));
     EXPECT_OPC_EXCEPTION(package->deletePart(u"/[trash]/x"), kNoPart, emptyCode());
     EXPECT_EQ(readAll(findPart(*package, u"/a/[trash]/b")->getInputStream()), "5");

@@ -10,8 +10,9 @@
 namespace opc {
 
 namespace detail {
+class ListedFolders;
 class StagingArea;
-}
+}  // namespace detail
 
 // FileSystemOps on the local disk (Linux).
 //
@@ -52,6 +53,19 @@ class StagingArea;
 //   above (EACCES), too many links (ELOOP), a name too long (ENAMETOOLONG).
 //   A caller that must tell these apart opens or lists the path and reads the
 //   code.
+//   After getFiles, exists on a path in a folder that listing read files from
+//   tests the last component in that folder, opened at the first such test
+//   (one folder at a time), as `find -readable` tests what it lists: the
+//   answer is the full path's as long as the folder stays where the listing
+//   found it. So every operation of this service that could move or remove a
+//   folder (rename, removeAll, createFolders, replaceFile, recover) and the
+//   next getFiles first forget the listing; a folder is also forgotten after
+//   as many tests as the listing found files in it, or at a test that finds
+//   nothing, and its paths are then tested in full again. A folder moved by
+//   another process (or by this one without the service) between the listing
+//   and the tests is outside this promise, as any concurrent writer is
+//   without the package lock. The open folder is closed when it is
+//   forgotten, when tests move to another folder, or with the service.
 // - getFiles: only regular files, hidden ones included. No symbolic link (to
 //   a file, to a folder, or dangling), FIFO, socket or device is listed and
 //   no linked folder is entered, so a listing always ends and never reads
@@ -187,8 +201,10 @@ protected:
 private:
     boost::system::error_code createFoldersTracked(const std::u16string& path);
     boost::system::error_code removeAllTracked(const std::u16string& path);
+    void dropListing() noexcept;
 
     std::unique_ptr<detail::StagingArea> staging;
+    std::unique_ptr<detail::ListedFolders> listed;  // made by the first getFiles
 };
 
 }  // namespace opc
