@@ -116,6 +116,49 @@ TEST(UnpackHostile, EveryRefusalNamesItsCauseAndLeavesTheTargetAndNothingElse) {
     EXPECT_EQ(listFolder(dir.path()), (std::vector<std::string>{".opc-lock-pkg", "bad.zip", "pkg"}));
 }
 
+// Small entries are inflated ahead on worker threads, and a bad one among
+// them fails as a streamed one does: the first bad entry in archive order is
+// named, in libzip's own words, however many jobs inflate the good entries
+// and the second bad one behind it.
+TEST(UnpackHostile, TheFirstBadEntryIsNamedAlikeWhateverTheJobs) {
+    TempDir dir;
+    writeFile(dir.path() / "pkg" / "[Content_Types].xml", kTypes);
+    std::string text;
+    for (int i = 0; text.size() < 3000; ++i) text += "<w:t>" + std::to_string(i * 7919 % 1000) + "</w:t>";
+    const auto around = [&](const std::function<void(RawZip&)>& bad) {
+        return archive([&](RawZip& z) {
+            for (int i = 0; i < 40; ++i) z.deflated("a/" + std::to_string(i) + ".xml", text + std::to_string(i));
+            bad(z);
+            for (int i = 40; i < 80; ++i) z.deflated("b/" + std::to_string(i) + ".xml", text + std::to_string(i));
+            z.deflated("late.xml", text).crc ^= 1;
+        });
+    };
+    const std::string size = std::to_string(text.size());
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {around([&](RawZip& z) { z.deflated("x.xml", text).data = std::string(20, '\xff'); }),
+         "corrupt entry 'x.xml': Zlib error: data error"},
+        {around([&](RawZip& z) {
+             RawZip::Entry& entry = z.deflated("x.xml", text);
+             entry.data.resize(entry.data.size() / 2);
+         }),
+         "corrupt entry 'x.xml': CRC error"},
+        {around([&](RawZip& z) { z.deflated("x.xml", text).crc ^= 1; }), "corrupt entry 'x.xml': CRC error"},
+        {around([&](RawZip& z) { z.stored("x.xml", text).crc ^= 1; }), "corrupt entry 'x.xml': CRC error"},
+        {around([&](RawZip& z) { z.stored("x.xml", text).size += 1; }),
+         "corrupt entry 'x.xml': Zip archive inconsistent"},
+        {around([&](RawZip& z) { z.deflated("x.xml", text).size -= 1; }),
+         "entry 'x.xml' inflates to more than the " + std::to_string(text.size() - 1) + " bytes it declares"},
+        {around([&](RawZip& z) { z.deflated("x.xml", text).size += 1; }),
+         "entry 'x.xml' inflates to " + size + " bytes, not the " + std::to_string(text.size() + 1) + " it declares"},
+    };
+    for (const auto& [bytes, message] : cases) {
+        SCOPED_TRACE(message);
+        writeFile(dir.path() / "bad.zip", bytes);
+        for (const std::string jobs : {"1", "2", "5"})
+            expectRefused(dir.path(), words("unpack --force --jobs " + jobs + " bad.zip pkg"), "bad.zip: " + message);
+    }
+}
+
 // A package folder from someone else: links out of it, a FIFO, a socket.
 struct StrangersPackage : ::testing::Test {
     void SetUp() override {

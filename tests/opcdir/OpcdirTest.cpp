@@ -98,6 +98,7 @@ TEST_F(EditCorpusPackage, RefusalsAreOneLineWithStatusOneOrTwoForUsageAndChangeN
         {2, "unpack --max-size 4X a.zip out",
          "unpack: --max-size needs a byte count such as 4096, 64K or 4G, not '4X'"},
         {2, "unpack --max-ratio 0 a.zip out", "unpack: --max-ratio must be at least 1"},
+        {2, "unpack --jobs 257 a.zip out", "unpack: --jobs must be a number from 1 to 256, not '257'"},
         {2, "pack --level 10 doc out.zip", "pack: --level must be a number from 0 to 9, not '10'"},
         {2, "pack --level -1 doc out.zip", "pack: --level must be a number from 0 to 9, not '-1'"},
         {2, "pack --jobs 0 doc out.zip", "pack: --jobs must be a number from 1 to 256, not '0'"},
@@ -190,8 +191,10 @@ TEST(UnpackPackCorpus, EveryPackageRoundTripsEntryForEntryAndPacksTheSameTwice) 
 }
 
 // The archive is read through a window of 64 KiB: entries that straddle its
-// edges, reads larger than it and entries far apart all come out byte for byte.
-TEST(UnpackWindow, EveryEntryComesOutWhereverItLiesInTheArchive) {
+// edges, reads larger than it and entries far apart all come out byte for
+// byte, whether inflated ahead on worker threads (up to 1 MiB) or streamed,
+// and whatever the number of jobs.
+TEST(UnpackWindow, EveryEntryComesOutWhereverItLiesInTheArchiveWhateverTheJobs) {
     TempDir dir;
     RawZip zip;
     TreeSnapshot expected;
@@ -215,10 +218,18 @@ TEST(UnpackWindow, EveryEntryComesOutWhereverItLiesInTheArchive) {
     for (int i = 0; i < 40; ++i)
         add("small/" + std::to_string(i), noise(std::size_t(97) * (i + 1) * (i + 1)), i % 3 == 0);
     add("text.xml", std::string(300000, 'x') + noise(5000), true);
+    add("large.xml", std::string(std::size_t{1} << 20, 'y') + noise(5000), true);
+    add("empty.xml", "", true);
+    // libzip takes bytes after the end of a deflate stream, and so does unpack.
+    expected["trailing.xml"] = noise(3000);
+    zip.deflated("trailing.xml", expected["trailing.xml"]).data += "after";
     expected["big/"] = expected["small/"] = "";
     zip.write(dir.path() / "a.zip");
-    ASSERT_EQ(runOpcdir(dir.path(), {"unpack", "a.zip", "pkg"}), (RunResult{0, "", ""}));
-    EXPECT_EQ(snapshotTree(dir.path() / "pkg"), expected);
+    for (const std::string jobs : {"1", "2", "7"}) {
+        SCOPED_TRACE(jobs + " jobs");
+        ASSERT_EQ(runOpcdir(dir.path(), {"unpack", "--jobs", jobs, "a.zip", "pkg" + jobs}), (RunResult{0, "", ""}));
+        EXPECT_EQ(snapshotTree(dir.path() / ("pkg" + jobs)), expected);
+    }
 }
 
 // Fails each file-system call of each command in turn: a failed run must say

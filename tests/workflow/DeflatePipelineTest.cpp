@@ -1,11 +1,17 @@
 #include "DeflatePipeline.h"
+#include "OrderedPipeline.h"
 
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstdint>
+#include <mutex>
 #include <stdexcept>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 namespace opcdir {
@@ -63,50 +69,111 @@ TEST(CompressEntry, DeflatesWhatShrinksAndStoresTheRest) {
     EXPECT_LT(compressEntry(xmlText(300000, 1), 9).data.size(), compressEntry(xmlText(300000, 1), 1).data.size());
 }
 
-TEST(DeflatePipeline, SameEntriesWhateverTheJobsLoadsOneAtATimeAndPassesFailuresOn) {
+TEST(InflateEntry, GivesTheBytesOnlyWhenTheyAreExactlyWhatTheEntryDeclares) {
+    const std::string text = xmlText(70000, 3);
+    const std::string stream = compressEntry(text, 6).data;
+    const auto crc = static_cast<std::uint32_t>(
+        crc32(0, reinterpret_cast<const Bytef*>(text.data()), static_cast<uInt>(text.size())));
+    const std::vector<std::tuple<std::string, std::string, bool, std::uint64_t, std::uint32_t, bool>> cases = {
+        // What, the data, deflated, declared size and checksum, whether taken.
+        {"deflated", stream, true, text.size(), crc, true},
+        {"stored", text, false, text.size(), crc, true},
+        {"empty", compressEntry(std::string(), 1).data, false, 0, 0, true},
+        {"wrong checksum", stream, true, text.size(), crc ^ 1, false},
+        {"stored, wrong checksum", text, false, text.size(), crc ^ 1, false},
+        {"more than declared", stream, true, text.size() - 1, crc, false},
+        {"fewer than declared", stream, true, text.size() + 1, crc, false},
+        {"stored, fewer than declared", text, false, text.size() + 1, crc, false},
+        {"cut short", stream.substr(0, stream.size() / 2), true, text.size(), crc, false},
+        {"bytes after the stream", stream + "junk", true, text.size(), crc, false},
+        {"not deflate", std::string(40, '\xff'), true, text.size(), crc, false},
+    };
+    for (const auto& [what, data, deflated, size, checksum, taken] : cases) {
+        SCOPED_TRACE(what);
+        std::string out(size + 1, '?');
+        EXPECT_EQ(inflateEntry(data.data(), data.size(), deflated, size, checksum, out.data()), taken);
+        if (taken && deflated) {
+            EXPECT_EQ(out.substr(0, size), text);
+        }
+    }
+}
+
+TEST(OrderedPipeline, SameResultsWhateverTheJobsLoadsInOrderWithinBudgetAndPassesFailuresOn) {
     std::vector<std::string> entries;
     std::vector<std::uint64_t> sizes;
     for (int i = 0; i < 40; ++i) {
-        entries.push_back(i % 7 == 3 ? randomBytes(300000, static_cast<std::uint32_t>(i))
+        entries.push_back(i % 7 == 3 ? randomBytes(i == 17 ? 500000 : 300000, static_cast<std::uint32_t>(i))
                                      : xmlText(1000 + 997 * static_cast<std::size_t>(i), i));
         sizes.push_back(entries.back().size());
     }
+    const std::int64_t budget = 400000;
     std::vector<std::vector<CompressedEntry>> runs;
     for (const unsigned jobs : {1u, 3u, 8u}) {
+        SCOPED_TRACE(std::to_string(jobs) + " jobs");
+        std::mutex mutex;
+        std::vector<std::size_t> loads;
+        // Loaded and not yet asked for: within what the pipeline counts.
+        std::int64_t held = 0;
         std::atomic<int> loading{0};
         std::atomic<bool> overlapped{false};
-        DeflatePipeline pipeline(
+        OrderedPipeline<std::string, CompressedEntry> pipeline(
             sizes,
             [&](std::size_t i) {
                 if (++loading > 1) overlapped = true;
+                {
+                    const std::lock_guard<std::mutex> lock(mutex);
+                    loads.push_back(i);
+                    held += static_cast<std::int64_t>(sizes[i]);
+                    // One entry may exceed the budget only alone.
+                    EXPECT_LE(held, std::max(budget, static_cast<std::int64_t>(sizes[i]))) << "entry " << i;
+                }
                 std::string bytes = entries[i];
                 --loading;
                 return bytes;
             },
-            6, jobs, 400000);
+            [](std::string bytes, std::size_t) { return compressEntry(std::move(bytes), 6); }, jobs,
+            static_cast<std::uint64_t>(budget));
         runs.emplace_back();
-        for (std::size_t i = 0; i < entries.size(); ++i) runs.back().push_back(pipeline.take(i));
-        EXPECT_FALSE(overlapped) << jobs << " jobs";
+        for (std::size_t i = 0; i < entries.size(); ++i) {
+            {
+                const std::lock_guard<std::mutex> lock(mutex);
+                held -= static_cast<std::int64_t>(sizes[i]);
+            }
+            runs.back().push_back(pipeline.take(i));
+        }
+        EXPECT_FALSE(overlapped);
+        std::vector<std::size_t> inOrder(entries.size());
+        for (std::size_t i = 0; i < inOrder.size(); ++i) inOrder[i] = i;
+        EXPECT_EQ(loads, inOrder);
     }
     for (std::size_t i = 0; i < entries.size(); ++i) {
         EXPECT_EQ(runs[0][i].deflated, i % 7 != 3) << "entry " << i;
         for (const auto& run : runs) EXPECT_EQ(run[i].data, runs[0][i].data) << "entry " << i;
     }
 
-    DeflatePipeline failing(
-        {10, 10, 10},
+    // A failure in loading or computing is the entry's, met when it is taken.
+    OrderedPipeline<std::string, std::string> failing(
+        {10, 10, 10, 10},
         [](std::size_t i) -> std::string {
             if (i == 1) throw std::runtime_error("cannot read part '/b.xml'");
-            return "0123456789";
+            return std::to_string(i);
         },
-        6, 2, 100);
-    EXPECT_EQ(failing.take(0).data, "0123456789");
-    try {
-        failing.take(1);
-        ADD_FAILURE() << "no failure";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "cannot read part '/b.xml'");
+        [](std::string loaded, std::size_t i) -> std::string {
+            if (i == 2) throw std::runtime_error("cannot compute entry 2");
+            return loaded + "!";
+        },
+        2, 100);
+    EXPECT_EQ(failing.take(0), "0!");
+    for (const auto& [index, message] : {std::pair<std::size_t, std::string>{1, "cannot read part '/b.xml'"},
+                                         std::pair<std::size_t, std::string>{2, "cannot compute entry 2"}}) {
+        try {
+            failing.take(index);
+            ADD_FAILURE() << "no failure for entry " << index;
+        } catch (const std::runtime_error& e) {
+            EXPECT_EQ(e.what(), message);
+        }
     }
+    EXPECT_EQ(failing.take(3), "3!");
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include "ArchivePolicy.h"
 #include "Errors.h"
 #include "NewParentFolders.h"
+#include "OrderedPipeline.h"
 #include "PartCommands.h"
 #include "PartNames.h"
 #include "RecoveryCommands.h"
@@ -11,9 +12,13 @@
 
 #include <opcfspackage/FileSystemPartInfo.h>
 
+#include <zip.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <thread>
 
 namespace opcdir {
@@ -132,17 +137,30 @@ constexpr std::uint64_t kWholeEntryLimit = std::uint64_t{64} << 20;
 constexpr std::uint64_t kKeptBytes = std::uint64_t{256} << 20;
 // What the workers may hold ahead of the writer.
 constexpr std::uint64_t kPipelineBytes = std::uint64_t{128} << 20;
+// Unpack's writer takes each entry soon after it is inflated, so workers a
+// few entries ahead keep it busy. Its memory is kept small and reused: on a
+// virtual machine, the first touch of fresh memory (a page fault each 4 KiB)
+// can cost more than inflating into it. So only entries up to
+// kInflatedEntryLimit (the XML parts, which cost most to inflate) go to the
+// workers, at most kUnpackBytes of them (compressed and inflated) ahead of
+// the writer; larger entries are streamed in 64 KiB pieces.
+constexpr std::uint64_t kInflatedEntryLimit = std::uint64_t{1} << 20;
+constexpr std::uint64_t kUnpackBytes = std::uint64_t{1} << 20;
 
 std::uint64_t defaultJobs() { return std::max(1u, std::thread::hardware_concurrency()); }
 
-std::uint64_t countOption(
-    const Arguments& args, const std::string& option, std::uint64_t fallback, std::uint64_t least, std::uint64_t most) {
+std::uint64_t countOption(const Arguments& args,
+                          const std::string& command,
+                          const std::string& option,
+                          std::uint64_t fallback,
+                          std::uint64_t least,
+                          std::uint64_t most) {
     const auto found = args.values.find(option);
     if (found == args.values.end()) return fallback;
     const std::string& text = found->second;
     if (text.empty() || text.size() > 3 || text.find_first_not_of("0123456789") != std::string::npos ||
         std::stoul(text) < least || std::stoul(text) > most) {
-        throw UsageError("pack: " + option + " must be a number from " + std::to_string(least) + " to " +
+        throw UsageError(command + ": " + option + " must be a number from " + std::to_string(least) + " to " +
                          std::to_string(most) + ", not '" + text + "'");
     }
     return std::stoul(text);
@@ -180,8 +198,10 @@ std::vector<Prepared> prepareEntries(Session& session,
         whole.push_back(i);
         wholeSizes.push_back(sizes[i]);
     }
-    DeflatePipeline pipeline(
-        wholeSizes, [&](std::size_t k) { return readPart(session, listed[whole[k]]); }, level, jobs, kPipelineBytes);
+    OrderedPipeline<std::string, CompressedEntry> pipeline(
+        wholeSizes, [&](std::size_t k) { return readPart(session, listed[whole[k]]); },
+        [level](std::string bytes, std::size_t) { return compressEntry(std::move(bytes), level); }, jobs,
+        kPipelineBytes);
     std::uint64_t kept = 0;
     std::uint64_t done = 0;
     for (std::size_t k = 0; k < whole.size(); ++k) {
@@ -200,12 +220,69 @@ std::vector<Prepared> prepareEntries(Session& session,
     return prepared;
 }
 
+// Memory handed between the workers and the writer, kept for reuse: on a
+// virtual machine, the first touch of fresh memory can cost more than
+// inflating into it.
+class Buffers {
+public:
+    struct Buffer {
+        std::unique_ptr<char[]> bytes;
+        std::size_t capacity = 0;
+    };
+
+    // Keeps up to keep bytes of buffers given back.
+    explicit Buffers(std::uint64_t keep) : limit(keep) {}
+
+    // A buffer of at least size bytes, their content unspecified: the
+    // smallest kept one that is large enough, else a new one.
+    Buffer take(std::size_t size) {
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            auto best = spare.end();
+            for (auto it = spare.begin(); it != spare.end(); ++it) {
+                if (it->capacity >= size && (best == spare.end() || it->capacity < best->capacity)) best = it;
+            }
+            if (best != spare.end()) {
+                Buffer found = std::move(*best);
+                *best = std::move(spare.back());
+                spare.pop_back();
+                kept -= found.capacity;
+                return found;
+            }
+        }
+        // Rounded up, so that a buffer fits entries of about its size.
+        const std::size_t capacity = (std::max<std::size_t>(size, 1) + kGrain - 1) / kGrain * kGrain;
+        return Buffer{std::unique_ptr<char[]>(new char[capacity]), capacity};
+    }
+
+    void give(Buffer buffer) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        if (kept + buffer.capacity > limit) return;
+        kept += buffer.capacity;
+        spare.push_back(std::move(buffer));
+    }
+
+private:
+    static constexpr std::size_t kGrain = std::size_t{64} * 1024;
+    const std::uint64_t limit;
+    std::mutex mutex;
+    std::vector<Buffer> spare;
+    std::uint64_t kept = 0;
+};
+
+// An entry's compressed data, or its bytes once inflated and checked.
+struct EntryBytes {
+    Buffers::Buffer buffer;
+    bool good = false;  // read, or inflated to exactly what the entry declares
+};
+
 }  // namespace
 
 void unpackCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
     const std::string& archiveName = args.operands[0];
     const std::string& packageName = args.operands[1];
     const Limits limits = limitsOf(args);
+    const auto jobs = static_cast<unsigned>(countOption(args, "unpack", "--jobs", defaultJobs(), 1, 256));
 
     ZipReader reader(fileSystem, archiveName, archiveName);
     const std::vector<const ZipEntry*> files = checkEntries(archiveName, reader, limits);
@@ -224,19 +301,72 @@ void unpackCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem
     std::uint64_t declared = 0;
     for (const ZipEntry* entry : files) declared += entry->size;
     Progress progress(io, "unpack", declared);
+
+    // Small entries are read whole and inflated on worker threads; the
+    // archive's libzip handle admits one thread at a time, and the package
+    // and the file system are used from this thread alone. An entry that does
+    // not inflate to exactly what it declares, and every larger one, is
+    // streamed through libzip here, which says what is wrong as it always did.
+    std::vector<std::size_t> whole;
+    std::vector<std::uint64_t> costs;
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        const ZipEntry& entry = *files[i];
+        if (entry.size > kInflatedEntryLimit || entry.compressedSize > kInflatedEntryLimit ||
+            !reader.inflatesAlike(entry))
+            continue;
+        whole.push_back(i);
+        costs.push_back(entry.size + entry.compressedSize);
+    }
+    Buffers buffers(kUnpackBytes);
+    OrderedPipeline<EntryBytes, EntryBytes> pipeline(
+        costs,
+        [&](std::size_t k) {
+            const ZipEntry& entry = *files[whole[k]];
+            EntryBytes data{buffers.take(entry.compressedSize)};
+            data.good = reader.readRaw(entry, data.buffer.bytes.get());
+            return data;
+        },
+        [&](EntryBytes data, std::size_t k) {
+            const ZipEntry& entry = *files[whole[k]];
+            const char* raw = data.buffer.bytes.get();
+            if (!data.good || entry.method != ZIP_CM_DEFLATE) {
+                data.good =
+                    data.good && inflateEntry(raw, entry.compressedSize, false, entry.size, entry.crc32, nullptr);
+                return data;
+            }
+            EntryBytes bytes{buffers.take(entry.size + 1)};
+            bytes.good =
+                inflateEntry(raw, entry.compressedSize, true, entry.size, entry.crc32, bytes.buffer.bytes.get());
+            buffers.give(std::move(data.buffer));
+            return bytes;
+        },
+        jobs, kUnpackBytes);
     std::uint64_t total = 0;
-    for (const ZipEntry* entry : files) {
-        const std::string partName = "/" + entry->name;
-        IPhysicalOutputStream* stream = createPartFor(session, *entry);
-        std::uint64_t written = 0;
-        reader.read(*entry, [&](const char* data, std::size_t count) {
-            written += count;
-            total += count;
-            checkInflated(archiveName, *entry, written);
-            writeAll(session, partName, stream, data, count);
+    std::size_t next = 0;
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        const ZipEntry& entry = *files[i];
+        const std::string partName = "/" + entry.name;
+        IPhysicalOutputStream* stream = createPartFor(session, entry);
+        std::optional<EntryBytes> bytes;
+        if (next < whole.size() && whole[next] == i) bytes = pipeline.take(next++);
+        if (bytes && bytes->good) {
+            writeAll(session, partName, stream, bytes->buffer.bytes.get(), entry.size);
+            buffers.give(std::move(bytes->buffer));
+            total += entry.size;
             progress.update(total);
-        });
-        checkComplete(archiveName, *entry, written);
+        } else {
+            std::uint64_t written = 0;
+            pipeline.whileNotLoading([&] {
+                reader.read(entry, [&](const char* data, std::size_t count) {
+                    written += count;
+                    total += count;
+                    checkInflated(archiveName, entry, written);
+                    writeAll(session, partName, stream, data, count);
+                    progress.update(total);
+                });
+            });
+            checkComplete(archiveName, entry, written);
+        }
         // Written data reaches the file before the stream lets go of it, and
         // a part per entry keeps the count of open files at one.
         finishPart(session, partName, stream);
@@ -248,8 +378,8 @@ void unpackCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem
 void packCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem) {
     const std::string& packageName = args.operands[0];
     const std::string& archiveName = args.operands[1];
-    const int level = static_cast<int>(countOption(args, "--level", 6, 0, 9));
-    const auto jobs = static_cast<unsigned>(countOption(args, "--jobs", defaultJobs(), 1, 256));
+    const int level = static_cast<int>(countOption(args, "pack", "--level", 6, 0, 9));
+    const auto jobs = static_cast<unsigned>(countOption(args, "pack", "--jobs", defaultJobs(), 1, 256));
     Session session(fileSystem, packageName, OpenMode::Read);
     const std::u16string archivePath = archivePathFor(session, archiveName);
 

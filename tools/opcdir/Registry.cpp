@@ -59,14 +59,15 @@ const std::vector<Command>& commands() {
          {Access::Create, 0},
          &newCommand},
         {"unpack",
-         "unpack [--force] [--max-size N] [--max-ratio N] FILE PKG",
+         "unpack [--force] [--max-size N] [--max-ratio N] [--jobs N] FILE PKG",
          "turn a ZIP-based package file (.docx, .xlsx, .pptx, ...) into a folder package",
          "  -f, --force          replace PKG even when it exists and is not empty\n"
          "      --max-size N     refuse archives that expand to more than N bytes\n"
          "                       (suffixes K, M, G; default 4G)\n"
          "      --max-ratio N    refuse entries that expand more than N times\n"
-         "                       (default 1000)\n",
-         {{"--force", "-f", false}, {"--max-size", "", true}, {"--max-ratio", "", true}},
+         "                       (default 1000)\n"
+         "      --jobs N         threads that inflate; default: one per processor\n",
+         {{"--force", "-f", false}, {"--max-size", "", true}, {"--max-ratio", "", true}, {"--jobs", "", true}},
          2,
          2,
          {Access::Create, 1},

@@ -41,6 +41,17 @@ public:
     // REQUIRES: checkConsistency() passed.
     void read(const ZipEntry& entry, const std::function<void(const char*, std::size_t)>& sink);
 
+    // Whether inflateEntry() of readRaw()'s bytes may stand for read() of
+    // entry: stored or deflated, not encrypted, with the checksum libzip
+    // checks.
+    bool inflatesAlike(const ZipEntry& entry) const;
+
+    // Reads the entry's data as it lies in the archive, not inflated, into
+    // data (room for entry.compressedSize bytes). False when it cannot be
+    // read, for read() to say why.
+    // REQUIRES: checkConsistency() passed.
+    bool readRaw(const ZipEntry& entry, char* data);
+
 private:
     // The archive in libzip, reading through file. Throws Failure.
     struct zip* open(int flags);
@@ -49,6 +60,7 @@ private:
     std::unique_ptr<ArchiveFile> file;
     CentralDirectory directory;
     struct zip* archive = nullptr;
+    std::vector<bool> checksummed;  // by index: libzip checks the directory's CRC
 };
 
 // The bytes of one entry to be written, pulled in pieces while the archive is

@@ -38,6 +38,7 @@ ZipReader::ZipReader(opc::FileSystemOps& fileSystem, std::string subjectName, co
             stat.comp_size != entry.compressedSize) {
             throw Failure(subject, "corrupt ZIP archive: inconsistent sizes of entry " + quoteName(entry.name));
         }
+        checksummed.push_back((stat.valid & ZIP_STAT_CRC) != 0 && stat.crc == entry.crc32);
     }
     archive = opened.release();
 }
@@ -71,6 +72,19 @@ void ZipReader::read(const ZipEntry& entry, const std::function<void(const char*
         if (got == 0) return;
         sink(buffer.data(), static_cast<std::size_t>(got));
     }
+}
+
+bool ZipReader::inflatesAlike(const ZipEntry& entry) const {
+    // Bit 0: encrypted; bit 6: strongly encrypted.
+    const bool plain = (entry.flags & 0x41) == 0;
+    const bool stored = entry.method == ZIP_CM_STORE && entry.size == entry.compressedSize;
+    return plain && (stored || entry.method == ZIP_CM_DEFLATE) && checksummed[entry.index];
+}
+
+bool ZipReader::readRaw(const ZipEntry& entry, char* data) {
+    const std::unique_ptr<zip_file_t, int (*)(zip_file_t*)> raw(
+        zip_fopen_index(archive, entry.index, ZIP_FL_COMPRESSED), &zip_fclose);
+    return raw && zip_fread(raw.get(), data, entry.compressedSize) == static_cast<zip_int64_t>(entry.compressedSize);
 }
 
 }  // namespace opcdir

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 
 namespace opcdir {
@@ -14,11 +15,11 @@ namespace {
 
 constexpr std::size_t kProbe = std::size_t{128} * 1024;
 
-std::uint32_t crcOf(const std::string& bytes) {
+std::uint32_t crcOf(const char* bytes, std::size_t size) {
     uLong crc = crc32(0L, Z_NULL, 0);
-    for (std::size_t at = 0; at < bytes.size();) {
-        const auto piece = static_cast<uInt>(std::min<std::size_t>(bytes.size() - at, 1u << 30));
-        crc = crc32(crc, reinterpret_cast<const Bytef*>(bytes.data() + at), piece);
+    for (std::size_t at = 0; at < size;) {
+        const auto piece = static_cast<uInt>(std::min<std::size_t>(size - at, 1u << 30));
+        crc = crc32(crc, reinterpret_cast<const Bytef*>(bytes + at), piece);
         at += piece;
     }
     return static_cast<std::uint32_t>(crc);
@@ -46,7 +47,7 @@ std::string deflateRaw(const char* input, std::size_t size, int level) {
 CompressedEntry compressEntry(std::string bytes, int level) {
     CompressedEntry entry;
     entry.size = bytes.size();
-    entry.crc = crcOf(bytes);
+    entry.crc = crcOf(bytes.data(), bytes.size());
     // deflate takes 32-bit counts; larger entries are the streaming writer's.
     const bool worthTrying = level > 0 && !bytes.empty() && bytes.size() < (std::uint64_t{1} << 31);
     if (worthTrying && bytes.size() > kProbe) {
@@ -68,67 +69,21 @@ CompressedEntry compressEntry(std::string bytes, int level) {
     return entry;
 }
 
-DeflatePipeline::DeflatePipeline(std::vector<std::uint64_t> entrySizes,
-                                 std::function<std::string(std::size_t)> loader,
-                                 int deflateLevel,
-                                 unsigned jobs,
-                                 std::uint64_t bytes)
-    : sizes(std::move(entrySizes)),
-      load(std::move(loader)),
-      level(deflateLevel),
-      budget(bytes),
-      done(sizes.size()),
-      failures(sizes.size()) {
-    for (unsigned i = 0; i < std::max(1u, jobs); ++i) workers.emplace_back([this] { work(); });
-}
-
-DeflatePipeline::~DeflatePipeline() {
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        stopping = true;
-    }
-    changed.notify_all();
-    for (std::thread& worker : workers) worker.join();
-}
-
-void DeflatePipeline::work() {
-    std::unique_lock<std::mutex> lock(mutex);
-    for (;;) {
-        changed.wait(lock,
-                     [&] { return stopping || next == sizes.size() || held == 0 || held + sizes[next] <= budget; });
-        if (stopping || next == sizes.size()) return;
-        const std::size_t index = next++;
-        held += sizes[index];
-        lock.unlock();
-        std::optional<CompressedEntry> result;
-        std::exception_ptr failure;
-        try {
-            std::string bytes;
-            {
-                const std::lock_guard<std::mutex> one(loading);
-                bytes = load(index);
-            }
-            result = compressEntry(std::move(bytes), level);
-        } catch (...) {
-            failure = std::current_exception();
-        }
-        lock.lock();
-        done[index] = std::move(result);
-        failures[index] = failure;
-        if (failure == nullptr && !done[index]) failures[index] = std::make_exception_ptr(std::logic_error("lost"));
-        changed.notify_all();
-    }
-}
-
-CompressedEntry DeflatePipeline::take(std::size_t index) {
-    std::unique_lock<std::mutex> lock(mutex);
-    changed.wait(lock, [&] { return done[index].has_value() || failures[index] != nullptr; });
-    held -= sizes[index];
-    changed.notify_all();
-    if (failures[index] != nullptr) std::rethrow_exception(failures[index]);
-    CompressedEntry entry = std::move(*done[index]);
-    done[index].reset();
-    return entry;
+bool inflateEntry(
+    const char* data, std::size_t dataSize, bool deflated, std::uint64_t size, std::uint32_t crc, char* out) {
+    // inflate counts in 32 bits; larger entries are the streaming reader's.
+    if (size >= (std::uint64_t{1} << 31) || dataSize >= (std::uint64_t{1} << 31)) return false;
+    if (!deflated) return dataSize == size && crcOf(data, dataSize) == crc;
+    z_stream stream{};
+    if (inflateInit2(&stream, -15) != Z_OK) return false;
+    const std::unique_ptr<z_stream, int (*)(z_stream*)> end(&stream, &inflateEnd);
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data));
+    stream.avail_in = static_cast<uInt>(dataSize);
+    stream.next_out = reinterpret_cast<Bytef*>(out);
+    // One byte more than declared shows an entry that inflates past it.
+    stream.avail_out = static_cast<uInt>(size + 1);
+    return inflate(&stream, Z_FINISH) == Z_STREAM_END && stream.avail_in == 0 && stream.total_out == size &&
+           crcOf(out, size) == crc;
 }
 
 // ---- The libzip source ---------------------------------------------------------

@@ -1,14 +1,9 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <mutex>
-#include <optional>
 #include <string>
-#include <thread>
-#include <vector>
 
 struct zip;
 struct zip_source;
@@ -30,46 +25,13 @@ struct CompressedEntry {
 // deflating the rest.
 CompressedEntry compressEntry(std::string bytes, int level);
 
-// Entries compressed on worker threads, ahead of the one consumer that takes
-// them in order. The entries' bytes are loaded one at a time (the loader is
-// never called by two threads at once, so it may use a package that admits
-// one thread only); what is loaded and not yet taken stays within `bytes`,
-// except that one entry larger than that is still loaded alone.
-class DeflatePipeline {
-public:
-    // entrySizes[i] is the size of entry i, as loader(i) will return it.
-    DeflatePipeline(std::vector<std::uint64_t> entrySizes,
-                    std::function<std::string(std::size_t)> loader,
-                    int deflateLevel,
-                    unsigned jobs,
-                    std::uint64_t bytes);
-    // Stops the workers; entries not taken are dropped.
-    ~DeflatePipeline();
-    DeflatePipeline(const DeflatePipeline&) = delete;
-    DeflatePipeline& operator=(const DeflatePipeline&) = delete;
-
-    // Entry index, once compressed. Rethrows what load threw for it.
-    // REQUIRES: indexes are taken in order, each once.
-    CompressedEntry take(std::size_t index);
-
-private:
-    void work();
-
-    std::vector<std::uint64_t> sizes;
-    std::function<std::string(std::size_t)> load;
-    int level;
-    std::uint64_t budget;
-
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::mutex loading;
-    std::vector<std::optional<CompressedEntry>> done;
-    std::vector<std::exception_ptr> failures;
-    std::size_t next = 0;    // the next entry a worker claims
-    std::uint64_t held = 0;  // bytes claimed and not yet taken
-    bool stopping = false;
-    std::vector<std::thread> workers;
-};
+// Whether data of dataSize bytes, as an entry's data lies in the archive (a
+// raw deflate stream when deflated, else the bytes themselves), gives exactly
+// size bytes with checksum crc: a stream that ends where the data does,
+// neither more nor fewer bytes, the same checksum. Inflated bytes go to out,
+// which has room for size + 1 of them; stored ones are checked where they lie.
+bool inflateEntry(
+    const char* data, std::size_t dataSize, bool deflated, std::uint64_t size, std::uint32_t crc, char* out);
 
 // A libzip source that hands an entry to the archive as it is, with its
 // method, sizes and checksum, so that libzip copies it without compressing
