@@ -20,7 +20,6 @@
 #include <memory>
 #include <optional>
 #include <set>
-#include <stdexcept>
 
 namespace opc::test::commit {
 
@@ -28,21 +27,8 @@ namespace fs = std::filesystem;
 using opc::fspackage::FileSystemPartInfo;
 using opc::fspackage::FileSystemPhysicalPackage;
 using opc::interfaces::OpenMode;
-using Files = std::map<std::string, std::string>;  // relative path -> bytes
 
 inline std::string baseName(const std::u16string& path) { return fs::path(toUtf8(path)).filename(); }
-
-// Folder "pkg" holding files, with every folder on the way to them.
-inline TreeSnapshot treeOf(const Files& files) {
-    TreeSnapshot tree{{"pkg/", ""}};
-    for (const auto& [path, bytes] : files) {
-        for (auto end = path.find('/'); end != std::string::npos; end = path.find('/', end + 1)) {
-            tree["pkg/" + path.substr(0, end + 1)] = "";
-        }
-        tree["pkg/" + path] = bytes;
-    }
-    return tree;
-}
 
 // The entries below top-level entry `from`, moved below `to`.
 inline TreeSnapshot subtree(const TreeSnapshot& tree, const std::string& from, const std::string& to = "pkg") {
@@ -103,13 +89,6 @@ inline int openFilesBelow(const fs::path& folder) {
         count += target.native().rfind(prefix, 0) == 0 && !lock;
     }
     return count;
-}
-
-inline opc::interfaces::IPhysicalPart* partNamed(FileSystemPhysicalPackage& package, const std::u16string& name) {
-    for (auto* part : package.getParts()) {
-        if (part->getName() == name) return part;
-    }
-    throw std::runtime_error("no part " + toUtf8(name));
 }
 
 // Rewrites /word/document.xml, deletes two parts, creates /new/added.xml

@@ -145,8 +145,9 @@ TEST(Commit, CreateReplacesWhateverIsAtThePackagePath) {
     }
 }
 
-// Real packages unpacked to folders: the first part rewritten, the last one
-// deleted; every other entry comes through byte for byte.
+// Real packages unpacked to folders read back through the part streams as
+// exactly their ZIP entries; then the first part rewritten, the last one
+// deleted: every other entry comes through the commit byte for byte.
 TEST(CommitCorpus, RewriteAndDeleteKeepEveryOtherEntry) {
     const auto archives = corpusPackages();
     ASSERT_GE(archives.size(), 10u);
@@ -161,6 +162,12 @@ TEST(CommitCorpus, RewriteAndDeleteKeepEveryOtherEntry) {
         package.open(OpenMode::ReadWrite);
         const auto parts = package.getParts();
         ASSERT_GE(parts.size(), 2u);
+        Files read{{"[Content_Types].xml", readAll(package.getContentTypeInputStream())}};
+        for (auto* part : parts) {
+            EXPECT_TRUE(read.emplace(toUtf8(part->getName()).substr(1), readAll(part->getInputStream(), 1000)).second)
+                << "listed twice: " << toUtf8(part->getName());
+        }
+        EXPECT_TRUE(read == expected) << read.size() << " parts read, " << expected.size() << " entries";
         const std::string rewritten = toUtf8(parts.front()->getName()), deleted = toUtf8(parts.back()->getName());
         writeAll(parts.front()->getOutputStream(), "rewritten " + rewritten);
         package.deletePart(parts.back()->getName());

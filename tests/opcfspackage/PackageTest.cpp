@@ -5,7 +5,6 @@
 #include "support/Strings.h"
 #include "support/TempDir.h"
 #include "support/TreeSnapshot.h"
-#include "support/ZipFixture.h"
 
 #include <opcfspackage/FileSystemPart.h>
 #include <opcfspackage/FileSystemPartInfo.h>
@@ -15,7 +14,6 @@
 #include <boost/system/error_code.hpp>
 
 #include <algorithm>
-#include <cctype>
 #include <cstring>
 #include <fstream>
 #include <limits>
@@ -54,13 +52,6 @@ Names partNames(FileSystemPhysicalPackage& package) {
     Names names;
     for (IPhysicalPart* part : package.getParts()) names.push_back(part->getName());
     return names;
-}
-
-IPhysicalPart* findPart(FileSystemPhysicalPackage& package, const std::u16string& name) {
-    for (IPhysicalPart* part : package.getParts()) {
-        if (part->getName() == name) return part;
-    }
-    throw std::runtime_error("no part named " + toUtf8(name));
 }
 
 IPhysicalPart* create(FileSystemPhysicalPackage& package,
@@ -163,7 +154,7 @@ TEST_F(Open, ReadListsAllButTopLevelTrashAndEmptyFoldersAndMakesNoTemporaryFolde
     EXPECT_EQ(descriptors(), before);  // no folder left open by the existence tests, not even for [trash]y
     EXPECT_EQ(partNames(*package), (Names{u"/[Trash]/d", u"/a/[trash]/b"}));
     EXPECT_OPC_EXCEPTION(package->deletePart(u"/[trash]/x"), kNoPart, emptyCode());
-    EXPECT_EQ(readAll(findPart(*package, u"/a/[trash]/b")->getInputStream()), "5");
+    EXPECT_EQ(readAll(partNamed(*package, u"/a/[trash]/b")->getInputStream()), "5");
     package.reset();
     EXPECT_EQ(ops.count(Hook::GetTempName) + ops.count(Hook::CreateFoldersReporting), 0u);
     EXPECT_EQ(snapshotTree(dir.path()), original);
@@ -268,7 +259,7 @@ TEST_F(ScriptedOpen, PartsMadeBeforeAFailureStayRegisteredInNameOrder) {
     ops.listing.erase(ops.listing.begin() + 4);
     package->open(OpenMode::Read);  // starts afresh over what the failed open left
     EXPECT_EQ(partNames(*package), (Names{u"/a.xml", u"/b.xml", u"/c.xml"}));
-    EXPECT_EQ(readAll(findPart(*package, u"/b.xml")->getInputStream()), "B");
+    EXPECT_EQ(readAll(partNamed(*package, u"/b.xml")->getInputStream()), "B");
 }
 
 // Every listed name has a file, whatever is on disk.
@@ -312,7 +303,7 @@ TEST_F(Registry, GetPartsListsChangedFirstThenByUtf16CodeUnit) {
     write({{"a", ""}, {"Z", ""}, {"a0", ""}, {"\xf0\x9f\x98\x80", ""}, {"\xef\xbc\xa1", ""}, {"c", ""}});
     open(OpenMode::ReadWrite);
     EXPECT_EQ(partNames(*package), (Names{u"/Z", u"/a", u"/a0", u"/c", u"/\U0001F600", u"/\uFF21"}));
-    findPart(*package, u"/c")->getOutputStream();
+    partNamed(*package, u"/c")->getOutputStream();
     for (const char16_t* name : {u"/b0", u"/b/c", u"/b"}) create(*package, name);
     EXPECT_EQ(partNames(*package),
               (Names{u"/b", u"/b/c", u"/b0", u"/c", u"/Z", u"/a", u"/a0", u"/\U0001F600", u"/\uFF21"}));
@@ -323,7 +314,7 @@ TEST_F(Registry, DeletePartDropsOnlyUnchangedPartsAndOnlyFromMemory) {
     const TreeSnapshot packageFolder = snapshotTree(dir.path() / "pkg");
     open(OpenMode::ReadWrite);
     create(*package, u"/new.xml");
-    findPart(*package, u"/b.xml")->getOutputStream();
+    partNamed(*package, u"/b.xml")->getOutputStream();
     package->deletePart(u"/a.xml");
     EXPECT_EQ(partNames(*package), (Names{u"/b.xml", u"/new.xml", u"/c.xml"}));
     for (const std::u16string name : {u"/a.xml", u"/never.xml", u"c.xml"}) {
@@ -364,7 +355,7 @@ TEST_F(Registry, CreatePartRefusesInvalidNamesAndExistingFiles) {
     IPhysicalPart* written = create(*package, u"/p.xml", u"one");
     writeAll(written->getOutputStream(), "1");
     EXPECT_OPC_EXCEPTION(create(*package, u"/p.xml", u"two"), kExists, emptyCode());
-    EXPECT_EQ(findPart(*package, u"/p.xml"), written);
+    EXPECT_EQ(partNamed(*package, u"/p.xml"), written);
     EXPECT_EQ(written->getContentType(), u"one");
     // Dots and spaces inside a segment are ordinary characters.
     for (const std::u16string name : {u"/.a", u"/..a", u"/a..", u"/a./b", u"/a b/c"}) create(*package, name);
@@ -378,7 +369,7 @@ TEST_F(Registry, CreateTakesOverPartOfSameName) {
         open(OpenMode::ReadWrite);
         create(*package, u"/a.xml", u"first");  // an unwritten created part is replaced too
         IPhysicalPart* created = create(*package, u"/a.xml", u"application/x-new");
-        EXPECT_EQ(package->getParts(), (std::vector<IPhysicalPart*>{created, findPart(*package, u"/b.xml")}));
+        EXPECT_EQ(package->getParts(), (std::vector<IPhysicalPart*>{created, partNamed(*package, u"/b.xml")}));
         EXPECT_EQ(created->getContentType(), u"application/x-new");
         EXPECT_OPC_EXCEPTION(package->deletePart(u"/a.xml"), kRefused, emptyCode());
         // Until the commit its input still reads the package folder.
@@ -402,7 +393,7 @@ TEST_F(InputStream, FailedOpenDropsCodeAndKeepsNoStream) {
 
 TEST_F(InputStream, KeepsItsPlaceUntilClosedThenRestartsAtFirstByte) {
     write({{"a.bin", "0123456789"}});
-    IPhysicalPart* part = findPart(open(OpenMode::Read), u"/a.bin");
+    IPhysicalPart* part = partNamed(open(OpenMode::Read), u"/a.bin");
     IPhysicalInputStream* stream = part->getInputStream();
     EXPECT_EQ(readSome(stream, 3), "012");
     EXPECT_EQ(part->getInputStream(), stream);
@@ -426,7 +417,7 @@ TEST_F(InputStream, KeepsItsPlaceUntilClosedThenRestartsAtFirstByte) {
 
 TEST_F(OutputStream, WritesAreNotReadBackAndAfterCloseFailUntilStreamsAreClosed) {
     write({{"a.xml", "old"}});
-    IPhysicalPart* part = findPart(open(OpenMode::ReadWrite), u"/a.xml");
+    IPhysicalPart* part = partNamed(open(OpenMode::ReadWrite), u"/a.xml");
     IPhysicalOutputStream* out = part->getOutputStream();
     EXPECT_FALSE(out->isFailed());
     EXPECT_EQ(writeAll(out, "abc"), 3);
@@ -456,7 +447,7 @@ TEST_F(OutputStream, FailedFirstRequestMovesPartToChangedAndLeavesItUnwritten) {
     for (const auto& [failing, message] : std::vector<std::pair<std::size_t, std::string>>{
              {2, folderFailed}, {3, folderFailed}, {4, folderFailed}, {5, kOutputFailed}}) {
         SCOPED_TRACE(failing);
-        IPhysicalPart* part = findPart(open(OpenMode::ReadWrite), u"/word/media/x.bin");
+        IPhysicalPart* part = partNamed(open(OpenMode::ReadWrite), u"/word/media/x.bin");
         ops.clearCalls();
         ops.failGlobalCall(failing, ENOSPC);
         EXPECT_OPC_EXCEPTION(part->getOutputStream(), message, failing == 5 ? emptyCode() : code);
@@ -467,7 +458,7 @@ TEST_F(OutputStream, FailedFirstRequestMovesPartToChangedAndLeavesItUnwritten) {
         EXPECT_EQ(tree(temp()), failing == 5 ? "word/ word/media/" : "");
         ops.clearFailures();
     }
-    IPhysicalPart* part = findPart(*package, u"/word/media/x.bin");
+    IPhysicalPart* part = partNamed(*package, u"/word/media/x.bin");
     IPhysicalOutputStream* out = part->getOutputStream();
     EXPECT_FALSE(fsPart(part).isUnwritten());
     EXPECT_EQ(tree(temp()), "word/ word/media/ word/media/x.bin=");
@@ -498,7 +489,7 @@ TEST_F(OutputStream, RefusedWithoutTemporaryFolderBeforeAnythingChanges) {
             open(mode);
         }
         const bool found = mode == OpenMode::Read || mode == OpenMode::ReadWrite;
-        IPhysicalPart* part = found ? findPart(*package, u"/b.xml") : create(*package, u"/b.xml");
+        IPhysicalPart* part = found ? partNamed(*package, u"/b.xml") : create(*package, u"/b.xml");
         ops.clearCalls();
         EXPECT_OPC_EXCEPTION(part->getOutputStream(), kOutputFailed, emptyCode());
         EXPECT_TRUE(ops.calls().empty());
@@ -535,8 +526,8 @@ TEST_F(Strangers, APartSwappedForALinkIsNeitherReadNorCopied) {
     std::filesystem::remove(dir.path() / "pkg" / "a.xml");
     std::filesystem::create_symlink(dir.path() / "secret", dir.path() / "pkg" / "a.xml");
     const TreeSnapshot before = snapshotTree(dir.path() / "pkg");
-    EXPECT_OPC_EXCEPTION(findPart(*package, u"/a.xml")->getInputStream(), kInputFailed, emptyCode());
-    writeAll(findPart(*package, u"/b.xml")->getOutputStream(), "B2");
+    EXPECT_OPC_EXCEPTION(partNamed(*package, u"/a.xml")->getInputStream(), kInputFailed, emptyCode());
+    writeAll(partNamed(*package, u"/b.xml")->getOutputStream(), "B2");
     EXPECT_OPC_EXCEPTION(package->close(false),
                          "Could not copy original part to destination package: " + std::string(std::strerror(ELOOP)),
                          systemCode(ELOOP));
@@ -560,7 +551,7 @@ using BadStreams = PackageFixture<BadStreamOps>;
 
 TEST_F(BadStreams, AreReportedAsInvalidState) {
     write({{"a.bin", "A"}});
-    IPhysicalPart* part = findPart(open(OpenMode::ReadWrite), u"/a.bin");
+    IPhysicalPart* part = partNamed(open(OpenMode::ReadWrite), u"/a.bin");
     EXPECT_OPC_EXCEPTION(part->getInputStream(), "Input stream is in an invalid state", emptyCode());
     IPhysicalOutputStream* out = part->getOutputStream();
     EXPECT_EQ(writeAll(out, "abc"), 3);  // the failure shows afterwards
@@ -584,7 +575,7 @@ TEST_F(Streams, HundredMebibytePartRoundTripsInPieces) {
     }
     EXPECT_FALSE(out->isFailed());
     package->close(false);
-    IPhysicalInputStream* in = findPart(open(OpenMode::Read), u"/big.bin")->getInputStream();
+    IPhysicalInputStream* in = partNamed(open(OpenMode::Read), u"/big.bin")->getInputStream();
     std::size_t i = 0;
     for (; i < kPieces; ++i) {
         fill(expected, i);
@@ -594,36 +585,6 @@ TEST_F(Streams, HundredMebibytePartRoundTripsInPieces) {
     EXPECT_EQ(in->read(piece.data(), 1), 0);
     EXPECT_TRUE(in->isAtEnd());
 }
-
-// Each corpus package, unzipped into a folder, reads back as exactly its ZIP
-// entries: the same names with "/" in front, the same bytes.
-struct CorpusRead : ::testing::TestWithParam<std::filesystem::path> {};
-
-TEST_P(CorpusRead, PackageReadsAsItsZipEntries) {
-    TempDir dir;
-    unzipToFolder(GetParam(), dir.path() / "pkg");
-    const TreeSnapshot unzipped = snapshotTree(dir.path());
-    std::map<std::u16string, std::string> expected;
-    for (const auto& [name, bytes] : readZipEntries(GetParam())) expected.emplace(u"/" + fromUtf8(name), bytes);
-    FileSystemPhysicalPackage package(dir.u16("pkg"));
-    ASSERT_NO_THROW(package.open(OpenMode::Read));
-    std::map<std::u16string, std::string> read{{kContentTypes, readAll(package.getContentTypeInputStream())}};
-    for (IPhysicalPart* part : package.getParts()) {
-        EXPECT_TRUE(read.emplace(part->getName(), readAll(part->getInputStream(), 1000)).second)
-            << "listed twice: " << toUtf8(part->getName());
-    }
-    EXPECT_TRUE(read == expected) << read.size() << " parts read, " << expected.size() << " entries";
-    package.close(false);
-    EXPECT_EQ(snapshotTree(dir.path()), unzipped);
-}
-
-TEST(CorpusReadSet, CorpusIsThere) { EXPECT_GE(corpusPackages().size(), 10u); }
-std::string corpusName(const ::testing::TestParamInfo<std::filesystem::path>& param) {
-    std::string name = param.param.filename();
-    for (char& c : name) c = std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
-    return name;
-}
-INSTANTIATE_TEST_SUITE_P(Corpus, CorpusRead, ::testing::ValuesIn(corpusPackages()), corpusName);
 
 }  // namespace
 }  // namespace opc::test

@@ -8,13 +8,15 @@
 #include <vector>
 
 namespace opc::test {
-namespace {
-
-std::string le(std::uint64_t value, int bytes) {
+std::string littleEndian(std::uint64_t value, int bytes) {
     std::string out;
     for (int i = 0; i < bytes; ++i) out += static_cast<char>((value >> (8 * i)) & 0xff);
     return out;
 }
+
+namespace {
+
+constexpr auto le = &littleEndian;
 
 std::string rawDeflate(const std::string& content) {
     z_stream stream{};

@@ -8,6 +8,9 @@
 
 namespace opc::test {
 
+// value in `bytes` bytes, least significant first, as ZIP fields are written.
+std::string littleEndian(std::uint64_t value, int bytes);
+
 // A ZIP archive written byte by byte, so that a test can make what no ZIP
 // library would: any bytes in a name, sizes and checksums that lie, entries
 // that share or overlap compressed data, thousands of deep names. Entries

@@ -34,6 +34,23 @@ inline TreeSnapshot snapshotTree(const std::filesystem::path& root) {
     return tree;
 }
 
+// Relative file path -> bytes.
+using Files = std::map<std::string, std::string>;
+
+// The snapshot of a folder "pkg" holding just these files, with every folder
+// on the way to them.
+template <class FileList = Files>
+TreeSnapshot treeOf(const FileList& files) {
+    TreeSnapshot tree{{"pkg/", ""}};
+    for (const auto& [path, bytes] : files) {
+        for (auto end = path.find('/'); end != std::string::npos; end = path.find('/', end + 1)) {
+            tree["pkg/" + path.substr(0, end + 1)] = "";
+        }
+        tree["pkg/" + path] = bytes;
+    }
+    return tree;
+}
+
 // The names of the entries directly in folder, sorted.
 inline std::vector<std::string> listFolder(const std::filesystem::path& folder) {
     std::vector<std::string> names;
