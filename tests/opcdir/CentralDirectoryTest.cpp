@@ -1,5 +1,6 @@
 #include "CentralDirectory.h"
 #include "Errors.h"
+#include "support/RawZip.h"
 
 #include <gtest/gtest.h>
 
@@ -11,11 +12,7 @@
 namespace opcdir {
 namespace {
 
-std::string le(std::uint64_t value, int bytes) {
-    std::string out;
-    for (int i = 0; i < bytes; ++i) out += static_cast<char>((value >> (8 * i)) & 0xff);
-    return out;
-}
+constexpr auto le = &opc::test::littleEndian;
 
 // One deflated entry "big.bin" of compressedSize bytes after its local
 // header, whose sizes and offset only its ZIP64 extra field holds (extraSize

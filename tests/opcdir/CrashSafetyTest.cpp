@@ -1,21 +1,17 @@
-// What opcdir does after a commit a dead process left unfinished, with a
-// write that fails at its last bytes, and with a package's permissions.
+// What opcdir does after a commit a dead process left unfinished, and with a
+// write that fails at its last bytes. Modes and owners across put and rm are
+// the library commit's, proven in tests/commit/DurabilityTest.cpp.
 
 #include "OpcdirHarness.h"
-#include "support/Attributes.h"
 #include "support/ChildProcess.h"
 
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <map>
 
 namespace opc::test {
 namespace {
-
-namespace fs = std::filesystem;
 
 const std::string kTypes = "<Types/>";
 
@@ -87,41 +83,6 @@ TEST(OpcdirWriteFailure, LastBytesOverTheFileSizeLimitExitOneNamingTheCause) {
     EXPECT_EQ(waitChild(child), 1);
     EXPECT_EQ(readFile(report.path() / "err"), "opcdir: pkg: cannot write part '/big.bin': File too large\n");
     EXPECT_EQ(withoutLockFiles(snapshotTree(dir.path())), before);
-}
-
-// A private package (and, as root, one owned by someone else) stays so
-// across put and rm.
-TEST(OpcdirPermissions, PutAndRmKeepModesAndOwners) {
-    const bool root = ::geteuid() == 0;
-    const uid_t owner = root ? 4321 : ::geteuid();
-    const gid_t group = root ? 4322 : ::getegid();
-    const std::vector<std::pair<std::string, mode_t>> entries = {{"pkg", 0700},
-                                                                 {"pkg/word", 0700},
-                                                                 {"pkg/[Content_Types].xml", 0600},
-                                                                 {"pkg/word/document.xml", 0640},
-                                                                 {"pkg/word/styles.xml", 0600}};
-    for (const std::string line : {"put pkg /word/document.xml new.xml", "rm pkg /word/styles.xml"}) {
-        SCOPED_TRACE(line);
-        TempDir dir;
-        writeFile(dir.path() / "new.xml", "<new/>");
-        for (const char* name : {"[Content_Types].xml", "word/document.xml", "word/styles.xml"})
-            writeFile(dir.path() / "pkg" / name, "<old/>");
-        for (const auto& [path, mode] : entries) {
-            if (root) {
-                ASSERT_EQ(::lchown((dir.path() / path).c_str(), owner, group), 0);
-            }
-            ASSERT_EQ(::chmod((dir.path() / path).c_str(), mode), 0);
-        }
-        ASSERT_EQ(runOpcdir(dir.path(), words(line)).status, 0);
-        const bool put = line[0] == 'p';
-        for (const auto& [path, mode] : entries) {
-            if (path != "pkg/word/styles.xml" || put) {
-                EXPECT_EQ(attributesOf(dir.path() / path), (Attributes{mode, owner, group})) << path;
-            }
-        }
-        EXPECT_EQ(readFile(dir.path() / "pkg/word/document.xml"), put ? "<new/>" : "<old/>");
-        EXPECT_EQ(fs::exists(dir.path() / "pkg/word/styles.xml"), put);
-    }
 }
 
 }  // namespace

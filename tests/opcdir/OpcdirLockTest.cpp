@@ -127,7 +127,6 @@ TEST_F(Turns, RefusalsOfTheLockAreOneLineAndLeaveEverythingAsItWas) {
         {"ls --wait soon pkg", 0, 2, seconds + "'soon'"},
         {"ls --wait -1 pkg", 0, 2, seconds + "'-1'"},
         {"put missing/pkg /b.xml in.xml", 0, 1, "missing/pkg: no such package folder"},
-        {"ls missing/pkg", 0, 1, "missing/pkg: no such package folder"},
     };
     for (const auto& [line, lockError, status, message] : cases) {
         SCOPED_TRACE(line);

