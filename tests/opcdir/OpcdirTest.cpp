@@ -10,6 +10,7 @@
 #include <chrono>
 #include <iostream>
 #include <limits>
+#include <map>
 #include <memory>
 #include <set>
 #include <streambuf>
@@ -307,8 +308,8 @@ TEST(CommandUnderFaults, EveryFailingCallLeavesTheOldTreeOrGivesTheNew) {
 }
 
 // Every file written through it takes at most `limit` bytes and refuses the
-// rest, as write(2) does on a full disk (with errno set to error, when
-// given), or fails its flush, as a write error that shows when it is closed.
+// rest, as write(2) does on a full disk, or fails its flush, as a write error
+// that shows when it is closed (with errno set to error, when given).
 struct RefusingWrites : FaultyFileSystemOps {
     struct Rules {
         std::size_t limit;
@@ -332,7 +333,10 @@ struct RefusingWrites : FaultyFileSystemOps {
             return traits_type::eq_int_type(c, traits_type::eof()) || xsputn(&byte, 1) == 1 ? traits_type::not_eof(c)
                                                                                             : traits_type::eof();
         }
-        int sync() override { return rules.flushFails || !real->flush() ? -1 : 0; }
+        int sync() override {
+            if (rules.flushFails && rules.error != 0) errno = rules.error;
+            return rules.flushFails || !real->flush() ? -1 : 0;
+        }
         pos_type seekoff(off_type offset, std::ios_base::seekdir from, std::ios_base::openmode) override {
             return real->seekp(offset, from) ? real->tellp() : pos_type(off_type(-1));
         }
@@ -350,8 +354,8 @@ struct RefusingWrites : FaultyFileSystemOps {
     }
 };
 
-// Writes that fail at once on a full disk, later, or only as libzip closes
-// the archive: one line naming the cause and the file, and neither a part,
+// Writes that fail at once on a full disk, later, or only as the part or
+// archive is flushed: one line naming the cause and the file, and neither a part,
 // an archive nor a temporary file changed or left.
 TEST(CommandUnderFaults, FailedWritesNameTheirCauseAndTheFileAndLeaveTheOldFiles) {
     TempDir dir;
@@ -369,6 +373,8 @@ TEST(CommandUnderFaults, FailedWritesNameTheirCauseAndTheFileAndLeaveTheOldFiles
     for (const auto& [line, limit, flushFails, error, message] :
          std::vector<std::tuple<std::string, std::size_t, bool, int, std::string>>{
              {"put pkg b.xml in.xml", 0, false, ENOSPC, "pkg: cannot write part '/b.xml'" + noSpace},
+             // Past the file-size limit only when the last bytes are flushed: put flushes before it closes.
+             {"put pkg b.xml in.xml", all, true, EFBIG, "pkg: cannot write part '/b.xml': File too large\n"},
              {"unpack new.zip new/pkg", 0, false, ENOSPC,
               "new/pkg: cannot write part '/[Content_Types].xml'" + noSpace},
              {"pack pkg out.docx", 0, false, 0, "out.docx: cannot write: write failed\n"},
@@ -380,6 +386,56 @@ TEST(CommandUnderFaults, FailedWritesNameTheirCauseAndTheFileAndLeaveTheOldFiles
         RefusingWrites service({limit, flushFails, error});
         EXPECT_EQ(runWith(service, words(line)), (RunResult{1, "", "opcdir: " + message}));
         EXPECT_EQ(withoutLockFiles(snapshotTree(dir.path())), before);
+    }
+}
+
+// A dead commit's journal: the package "pkg" moved aside to ".opc-aside".
+const std::string kJournal = std::string("OPCSWAP1Spkg") + '\0' + ".opc-aside" + '\0';
+
+// A package (or none) at its path or moved aside by a commit whose process
+// died, a staging folder of that process beside it or not; then recover, or
+// a command that writes and so recovers first: new does not build a package
+// over one that is only moved aside, put and rm work on it. (Modes and owners
+// across put and rm, and a write failing at its last bytes, are the library
+// commit's: tests/commit/DurabilityTest.cpp.)
+TEST(OpcdirRecover, PutsBackWhatDeadCommitsLeftAndSaysSoAndEveryCommandThatWritesDoesFirst) {
+    const std::string restored = "pkg: put back the package as it was before an unfinished commit";
+    const std::string removed = "removed 1 folder left by unfinished commits\n";
+    const std::map<std::string, std::string> bytes{
+        {"[Content_Types].xml", "<Types/>"}, {"word/document.xml", "doc"}, {"a.xml", "<a/>"}};
+    struct Case {
+        std::string where;  // "pkg", ".opc-aside" with a journal, or none
+        bool staging;
+        std::string line;
+        RunResult result;
+        std::string parts;  // what the package holds afterwards
+    };
+    const std::string both = "[Content_Types].xml word/document.xml";
+    const std::string exists = "pkg: already exists and is not an empty folder\n";
+    for (const Case& c : std::vector<Case>{
+             {"pkg", false, "recover pkg", {0, "pkg: nothing to recover\n", ""}, both},
+             {".opc-aside", true, "recover pkg", {0, restored + "; " + removed, ""}, both},
+             {"pkg", true, "recover pkg", {0, "pkg: " + removed, ""}, both},
+             {"", false, "recover pkg", {1, "pkg: nothing to recover\n", "opcdir: pkg: no whole package here\n"}, ""},
+             {".opc-aside", false, "put pkg /a.xml a.xml", {0, "", ""}, both + " a.xml"},
+             {".opc-aside", false, "rm pkg /word/document.xml", {0, "", ""}, "[Content_Types].xml"},
+             {".opc-aside", false, "new pkg", {1, "", "opcdir: " + exists}, both},
+         }) {
+        SCOPED_TRACE(c.line + " after " + c.where);
+        TempDir dir;
+        writeFile(dir.path() / "a.xml", "<a/>");
+        for (const std::string name : {"[Content_Types].xml", "word/document.xml"})
+            if (!c.where.empty()) writeFile(dir.path() / c.where / name, bytes.at(name));
+        if (c.where == ".opc-aside") writeFile(dir.path() / ".opc-1.journal", kJournal);
+        if (c.staging) writeFile(dir.path() / ".opc-5a61e1dc0ffee000/word/half.xml", "<half");
+        EXPECT_EQ(runOpcdir(dir.path(), words(c.line)), c.result);
+        TreeSnapshot expected{{"a.xml", "<a/>"}};
+        for (const std::string& name : words(c.parts)) {
+            expected["pkg/" + name] = bytes.at(name);
+            expected["pkg/"] = "";
+            if (name[0] == 'w') expected["pkg/word/"] = "";
+        }
+        EXPECT_EQ(withoutLockFiles(snapshotTree(dir.path())), expected);
     }
 }
 
