@@ -68,16 +68,34 @@ bool stagesChanges(const OpenMode& mode) {
 
 const std::u16string kTrashPrefix = u"/[trash]";
 
-// A name to sort, and where the listing had it.
+// A part made from the listing, with its name to sort by and where the
+// listing had it: 24 bytes, one per part, in memory touched for the first
+// time. The name ends at its terminating U+0000, which a part name never
+// holds.
 struct Listed {
     const char16_t* units;
-    std::size_t size;
+    FileSystemPart* part;
     std::size_t index;
+};
+
+// Parts made and not yet registered, deleted with the list when an exception
+// leaves them here.
+class MadeParts {
+public:
+    explicit MadeParts(std::size_t capacity) { listed.reserve(capacity); }
+    MadeParts(const MadeParts&) = delete;
+    MadeParts& operator=(const MadeParts&) = delete;
+    ~MadeParts() {
+        for (const Listed& name : listed) delete name.part;
+    }
+
+    std::vector<Listed> listed;
 };
 
 // The unit at depth, or -1 past the end, so that a prefix sorts first.
 std::int32_t unitAt(const Listed& name, std::size_t depth) {
-    return depth < name.size ? std::int32_t{name.units[depth]} : -1;
+    const char16_t unit = name.units[depth];
+    return unit != u'\0' ? std::int32_t{unit} : -1;
 }
 
 // The order of std::less<std::u16string> (code unit by code unit, a prefix
@@ -222,18 +240,13 @@ void FileSystemPhysicalPackage::readParts(const OpenMode& mode) {
     // at the end of the map, which spares a tree search per part. Each listed
     // path gives way to its name at once, so that the memory it held serves the
     // parts made next.
-    std::vector<std::unique_ptr<FileSystemPart>> made(files.size());
+    MadeParts made(files.size());
     const auto registerMade = [&] {
-        std::vector<Listed> order;
-        order.reserve(files.size());
-        for (std::size_t i = 0; i < made.size(); ++i) {
-            if (made[i]) order.push_back({files[i].data(), files[i].size(), i});
-        }
         // Of two equal names the later one wins, as when each is registered in turn.
-        sortListed(order.data(), order.size(), 0);
-        for (const Listed& name : order) {
+        sortListed(made.listed.data(), made.listed.size(), 0);
+        for (Listed& name : made.listed) {
             FileSystemPart*& slot = parts.emplace_hint(parts.end(), std::move(files[name.index]), nullptr)->second;
-            delete std::exchange(slot, made[name.index].release());
+            delete std::exchange(slot, std::exchange(name.part, nullptr));
         }
     };
     try {
@@ -250,7 +263,8 @@ void FileSystemPhysicalPackage::readParts(const OpenMode& mode) {
                 std::u16string().swap(name);
                 continue;
             }
-            made[i] = std::make_unique<FileSystemPart>(this, name, std::u16string(), mode);
+            auto part = std::make_unique<FileSystemPart>(this, name, std::u16string(), mode);
+            made.listed.push_back({name.data(), part.release(), i});  // within capacity: cannot throw
         }
     } catch (...) {
         registerMade();  // what was made before the failure stays registered
