@@ -51,9 +51,15 @@ public:
     // REQUIRES: indexes are taken in order, each once.
     Result take(std::size_t index) {
         std::unique_lock<std::mutex> lock(mutex);
-        changed.wait(lock, [&] { return done[index].has_value() || failures[index] != nullptr; });
+        awaited = index;
+        ready.wait(lock, [&] { return done[index].has_value() || failures[index] != nullptr; });
+        awaited = kNone;
         held -= cost[index];
-        changed.notify_all();
+        // Workers waiting for room are woken once half the budget is free,
+        // not at every entry: on a virtual machine a wake-up costs about as
+        // much as inflating a small entry.
+        if (roomWaiters > 0 && (held == 0 || (next < cost.size() && held + cost[next] <= budget / 2)))
+            room.notify_all();
         if (failures[index] != nullptr) std::rethrow_exception(failures[index]);
         Result result = std::move(*done[index]);
         done[index].reset();
@@ -70,30 +76,33 @@ public:
 
 private:
     void work() {
-        std::unique_lock<std::mutex> lock(mutex);
         for (;;) {
-            changed.wait(lock,
-                         [&] { return stopping || next == cost.size() || held == 0 || held + cost[next] <= budget; });
-            if (stopping || next == cost.size()) return;
-            const std::size_t index = next++;
-            held += cost[index];
-            changed.wait(lock, [&] { return stopping || loaded == index; });
-            if (stopping) return;
-            lock.unlock();
+            {
+                std::unique_lock<std::mutex> lock(mutex);
+                ++roomWaiters;
+                room.wait(lock, [&] { return stopping || next == cost.size() || hasRoom(); });
+                --roomWaiters;
+                if (stopping || next == cost.size()) return;
+            }
+            // Entries are claimed and loaded under one lock, so that they
+            // load in entry order without waiting for a turn.
+            std::unique_lock<std::mutex> one(loading);
+            std::size_t index = 0;
+            {
+                const std::lock_guard<std::mutex> lock(mutex);
+                if (stopping || next == cost.size()) return;
+                if (!hasRoom()) continue;  // another worker took it
+                index = next++;
+                held += cost[index];
+            }
             std::exception_ptr failure;
             std::optional<Loaded> input;
-            {
-                const std::lock_guard<std::mutex> one(loading);
-                try {
-                    input.emplace(load(index));
-                } catch (...) {
-                    failure = std::current_exception();
-                }
+            try {
+                input.emplace(load(index));
+            } catch (...) {
+                failure = std::current_exception();
             }
-            lock.lock();
-            ++loaded;
-            changed.notify_all();
-            lock.unlock();
+            one.unlock();
             std::optional<Result> result;
             try {
                 if (input) result.emplace(compute(std::move(*input), index));
@@ -101,19 +110,22 @@ private:
                 failure = std::current_exception();
             }
             input.reset();
-            lock.lock();
+            const std::lock_guard<std::mutex> lock(mutex);
             done[index] = std::move(result);
             failures[index] = failure;
-            changed.notify_all();
+            if (awaited == index) ready.notify_one();
         }
     }
+
+    // REQUIRES: mutex held.
+    bool hasRoom() const { return held == 0 || held + cost[next] <= budget; }
 
     void stop() {
         {
             const std::lock_guard<std::mutex> lock(mutex);
             stopping = true;
         }
-        changed.notify_all();
+        room.notify_all();
         for (std::thread& worker : workers) worker.join();
     }
 
@@ -122,14 +134,18 @@ private:
     const std::function<Result(Loaded, std::size_t)> compute;
     const std::uint64_t budget;
 
+    static constexpr std::size_t kNone = ~std::size_t{0};
+
     std::mutex mutex;
-    std::condition_variable changed;
+    std::condition_variable ready;  // the entry the consumer awaits is done
+    std::condition_variable room;   // the budget has room for the next entry
     std::mutex loading;
     std::vector<std::optional<Result>> done;
     std::vector<std::exception_ptr> failures;
-    std::size_t next = 0;    // the next entry a worker claims
-    std::size_t loaded = 0;  // entries loaded so far: the next to load
-    std::uint64_t held = 0;  // cost of entries claimed and not yet taken
+    std::size_t next = 0;         // the next entry a worker claims
+    std::uint64_t held = 0;       // cost of entries claimed and not yet taken
+    std::size_t awaited = kNone;  // the entry the consumer waits for
+    unsigned roomWaiters = 0;
     bool stopping = false;
     std::vector<std::thread> workers;  // last: they use every member above
 };
