@@ -1,8 +1,11 @@
 #include "OpcdirHarness.h"
+#include "support/ChildProcess.h"
 #include "support/FaultyFileSystemOps.h"
 #include "support/RawZip.h"
 #include "support/ZipFixture.h"
 
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -308,8 +311,8 @@ TEST(CommandUnderFaults, EveryFailingCallLeavesTheOldTreeOrGivesTheNew) {
 }
 
 // Every file written through it takes at most `limit` bytes and refuses the
-// rest, as write(2) does on a full disk, or fails its flush, as a write error
-// that shows when it is closed (with errno set to error, when given).
+// rest, as write(2) does on a full disk (with errno set to error, when
+// given), or fails its flush, as a write error that shows when it is closed.
 struct RefusingWrites : FaultyFileSystemOps {
     struct Rules {
         std::size_t limit;
@@ -333,10 +336,7 @@ struct RefusingWrites : FaultyFileSystemOps {
             return traits_type::eq_int_type(c, traits_type::eof()) || xsputn(&byte, 1) == 1 ? traits_type::not_eof(c)
                                                                                             : traits_type::eof();
         }
-        int sync() override {
-            if (rules.flushFails && rules.error != 0) errno = rules.error;
-            return rules.flushFails || !real->flush() ? -1 : 0;
-        }
+        int sync() override { return rules.flushFails || !real->flush() ? -1 : 0; }
         pos_type seekoff(off_type offset, std::ios_base::seekdir from, std::ios_base::openmode) override {
             return real->seekp(offset, from) ? real->tellp() : pos_type(off_type(-1));
         }
@@ -354,8 +354,8 @@ struct RefusingWrites : FaultyFileSystemOps {
     }
 };
 
-// Writes that fail at once on a full disk, later, or only as the part or
-// archive is flushed: one line naming the cause and the file, and neither a part,
+// Writes that fail at once on a full disk, later, or only as libzip closes
+// the archive: one line naming the cause and the file, and neither a part,
 // an archive nor a temporary file changed or left.
 TEST(CommandUnderFaults, FailedWritesNameTheirCauseAndTheFileAndLeaveTheOldFiles) {
     TempDir dir;
@@ -373,8 +373,6 @@ TEST(CommandUnderFaults, FailedWritesNameTheirCauseAndTheFileAndLeaveTheOldFiles
     for (const auto& [line, limit, flushFails, error, message] :
          std::vector<std::tuple<std::string, std::size_t, bool, int, std::string>>{
              {"put pkg b.xml in.xml", 0, false, ENOSPC, "pkg: cannot write part '/b.xml'" + noSpace},
-             // Past the file-size limit only when the last bytes are flushed: put flushes before it closes.
-             {"put pkg b.xml in.xml", all, true, EFBIG, "pkg: cannot write part '/b.xml': File too large\n"},
              {"unpack new.zip new/pkg", 0, false, ENOSPC,
               "new/pkg: cannot write part '/[Content_Types].xml'" + noSpace},
              {"pack pkg out.docx", 0, false, 0, "out.docx: cannot write: write failed\n"},
@@ -389,6 +387,28 @@ TEST(CommandUnderFaults, FailedWritesNameTheirCauseAndTheFileAndLeaveTheOldFiles
     }
 }
 
+// The file-size limit is reached by the last bytes, which still sit in the
+// stream's buffer when the input ends: put must not report success.
+TEST(OpcdirWriteFailure, LastBytesOverTheFileSizeLimitExitOneNamingTheCause) {
+    constexpr rlim_t kLimit = 64 * 1024;
+    TempDir dir;
+    TempDir report;
+    writeFile(dir.path() / "pkg/[Content_Types].xml", "<Types/>");
+    writeFile(dir.path() / "big.bin", std::string(kLimit + 50, 'x'));
+    const TreeSnapshot before = withoutLockFiles(snapshotTree(dir.path()));
+    const pid_t child = forkChild([&] {
+        ::signal(SIGXFSZ, SIG_IGN);  // inherited by the tool: the write fails with EFBIG instead
+        const rlimit limit{kLimit, kLimit};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        const RunResult result = runOpcdir(dir.path(), {"put", "pkg", "/big.bin", "big.bin"});
+        writeFile(report.path() / "err", result.err);
+        return result.status;
+    });
+    EXPECT_EQ(waitChild(child), 1);
+    EXPECT_EQ(readFile(report.path() / "err"), "opcdir: pkg: cannot write part '/big.bin': File too large\n");
+    EXPECT_EQ(withoutLockFiles(snapshotTree(dir.path())), before);
+}
+
 // A dead commit's journal: the package "pkg" moved aside to ".opc-aside".
 const std::string kJournal = std::string("OPCSWAP1Spkg") + '\0' + ".opc-aside" + '\0';
 
@@ -396,8 +416,7 @@ const std::string kJournal = std::string("OPCSWAP1Spkg") + '\0' + ".opc-aside" +
 // died, a staging folder of that process beside it or not; then recover, or
 // a command that writes and so recovers first: new does not build a package
 // over one that is only moved aside, put and rm work on it. (Modes and owners
-// across put and rm, and a write failing at its last bytes, are the library
-// commit's: tests/commit/DurabilityTest.cpp.)
+// across put and rm are the library commit's: tests/commit/DurabilityTest.cpp.)
 TEST(OpcdirRecover, PutsBackWhatDeadCommitsLeftAndSaysSoAndEveryCommandThatWritesDoesFirst) {
     const std::string restored = "pkg: put back the package as it was before an unfinished commit";
     const std::string removed = "removed 1 folder left by unfinished commits\n";
