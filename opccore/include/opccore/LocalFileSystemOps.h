@@ -55,9 +55,10 @@ class StagingArea;
 //   code.
 //   After getFiles, exists on a path in a folder that listing read files from
 //   tests the last component in that folder, opened at the first such test
-//   (one folder at a time), as `find -readable` tests what it lists: the
-//   answer is the full path's as long as the folder stays where the listing
-//   found it. So every operation of this service that could move or remove a
+//   (one folder open at a time), as `find -readable` tests what it lists.
+//   Within one listing's tests the answer so refers to the folder that
+//   listing read, which is the full path's answer as long as the folder
+//   stays where it was listed. So every operation of this service that could move or remove a
 //   folder (rename, removeAll, createFolders, replaceFile, recover) and the
 //   next getFiles first forget the listing; a folder is also forgotten after
 //   as many tests as the listing found files in it, or at a test that finds
