@@ -1,5 +1,7 @@
 #include "ListedFolders.h"
 
+#include <opccore/NameCodec.h>
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -15,9 +17,9 @@ void ListedFolders::clear() noexcept {
     current = folders.end();
 }
 
-void ListedFolders::add(std::u16string folder, std::string native, std::size_t files) {
+void ListedFolders::add(std::u16string folder, std::size_t nativeSize, std::size_t files) {
     Folder& entry = folders[std::move(folder)];
-    entry.native = std::move(native);
+    entry.nativeSize = nativeSize;
     entry.credits = files;
 }
 
@@ -40,12 +42,12 @@ std::optional<bool> ListedFolders::exists(std::u16string_view folder, const char
     const auto found = isCurrent(folder) ? current : folders.find(folder);
     if (found == folders.end()) return std::nullopt;
     // The full path would be refused as too long; a relative name is not.
-    if (found->second.native.size() + 1 + nameSize >= PATH_MAX) return std::nullopt;
+    if (found->second.nativeSize + 1 + nameSize >= PATH_MAX) return std::nullopt;
     if (found != current) {
         descriptor = Fd();
         current = folders.end();
         // Links are followed, as the full path's test follows them.
-        Fd opened(::open(found->second.native.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        Fd opened(::open(NameCodec::encode(found->first).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         if (!opened) {
             forget(found);
             return std::nullopt;

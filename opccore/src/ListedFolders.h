@@ -33,9 +33,10 @@ public:
     // Forgets every folder and closes the open one.
     void clear() noexcept;
 
-    // folder as the listing spelled it (absolute), its native path, and how
-    // many files the listing found directly in it (more than none).
-    void add(std::u16string folder, std::string native, std::size_t files);
+    // folder as the listing spelled it (absolute), the length of its native
+    // path, and how many files the listing found directly in it (more than
+    // none).
+    void add(std::u16string folder, std::size_t nativeSize, std::size_t files);
 
     // Whether name (native, one component, not "." or "..") exists in folder,
     // following a link as the full path's test does; nothing when folder is
@@ -44,7 +45,7 @@ public:
 
 private:
     struct Folder {
-        std::string native;
+        std::size_t nativeSize = 0;
         std::size_t credits = 0;
     };
     using Folders = std::map<std::u16string, Folder, std::less<>>;

@@ -337,7 +337,7 @@ void listTree(const std::u16string& folder, const Listing& listing, bool recursi
             fail("Cannot list folder " + display(current.prefix), code);
         }
         const std::size_t added = listing.files != nullptr ? listing.files->size() - before : 0;
-        if (folders != nullptr && added > 0) folders->add(std::move(current.prefix), std::move(current.native), added);
+        if (folders != nullptr && added > 0) folders->add(std::move(current.prefix), current.native.size(), added);
     }
 }
 

@@ -1,7 +1,7 @@
 // diff, check and textconv on folder packages and ZIP package files, git
 // running textconv, and pack's output across levels and jobs.
 
-#include "DeflatePipeline.h"
+#include "EntryCompression.h"
 #include "opcdir/OpcdirHarness.h"
 #include "support/RawZip.h"
 #include "support/ZipFixture.h"

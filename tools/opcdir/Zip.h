@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "DeflatePipeline.h"
+#include "EntryCompression.h"
 
 struct zip;
 

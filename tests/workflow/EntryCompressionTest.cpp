@@ -1,4 +1,4 @@
-#include "DeflatePipeline.h"
+#include "EntryCompression.h"
 #include "OrderedPipeline.h"
 
 #include <gtest/gtest.h>
