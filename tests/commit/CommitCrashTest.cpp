@@ -26,10 +26,8 @@ bool succeeded(int status) { return WIFEXITED(status) && WEXITSTATUS(status) == 
 
 enum Outcome { Old, New, Broken };
 
-// Every call that changes the disk, from the package's open (staging
-// included) to the end of close(false), stops the committing process once;
-// the one before the second rename leaves the package path empty. Without
-// syncs, which change nothing a kill can see and cost a device flush each.
+// Each call that changes the disk, from open to the end of close(false),
+// kills the committer once. Syncs are off: a kill cannot see them.
 TEST(CommitCrash, KillAtEveryStepThenRecoverLeavesOldOrNewPackage) {
     TempDir dir;
     const fs::path work = dir.path() / "work";

@@ -12,9 +12,14 @@ namespace {
 const std::string kIo = ": Input/output error", kSwap = "Could not commit changes: ";
 const std::string kOutputFailed = "Failed to create or open file system output stream";
 
-// Whatever was read or changed, a close that commits nothing leaves the
-// package byte for byte, releases every file, and at most removes the
-// temporary folder.
+std::vector<Hook> hooksOf(const std::vector<Call>& calls, std::size_t from, std::size_t to) {
+    std::vector<Hook> hooks;
+    for (std::size_t i = from; i < to && i < calls.size(); ++i) hooks.push_back(calls[i].hook);
+    return hooks;
+}
+
+// A close that commits nothing leaves the package byte for byte, releases
+// every file and at most removes the temporary folder.
 TEST(Close, WithoutCommitLeavesPackageAndRemovesOnlyTheTemporaryFolder) {
     enum Close { Keep, Revert, Destroy };
     for (const auto& [name, mode, changed, how] :
@@ -49,47 +54,37 @@ TEST(Close, WithoutCommitLeavesPackageAndRemovesOnlyTheTemporaryFolder) {
 }
 
 // A mode that stages nothing has no temporary folder, yet a modified package
-// commits: the swap moves the package aside, fails to rename the missing
-// temporary folder and puts the package back. A created part fails earlier,
-// when its empty file is to be written.
+// commits: its swap fails and puts the package back; a created part fails as
+// its empty file is written.
 TEST(Close, ModifiedPackageOfModeThatStagesNothingFailsItsSwapAndPutsPackageBack) {
     const std::string renameFailed =
-        "Could not commit changes: Could not rename the temporary package to final location: No such file or directory";
+        kSwap + "Could not rename the temporary package to final location: No such file or directory";
     const Hook P = Hook::GetParentPath, T = Hook::GetTempName, E = Hook::Exists, R = Hook::Rename;
-    struct Case {
-        const char* name;
-        bool existing, created;
-        std::string message;
-        int code;
-        std::vector<Hook> hooks;
-    };
-    for (const Case& c :
-         std::vector<Case>{{"over the package", true, false, renameFailed, ENOENT, {P, T, E, R, R, E, R}},
-                           {"over nothing", false, false, renameFailed, ENOENT, {P, T, E, R, E}},
-                           {"with a created part", true, true, kOutputFailed, 0, {}}}) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, existing, created, message, code, hooks] :
+         std::vector<std::tuple<const char*, bool, bool, std::string, int, std::vector<Hook>>>{
+             {"over the package", true, false, renameFailed, ENOENT, {P, T, E, R, R, E, R}},
+             {"over nothing", false, false, renameFailed, ENOENT, {P, T, E, R, E}},
+             {"with a created part", true, true, kOutputFailed, 0, {}}}) {
+        SCOPED_TRACE(name);
         Sample s;
-        if (!c.existing) fs::remove_all(s.dir.path() / "pkg");
+        if (!existing) fs::remove_all(s.dir.path() / "pkg");
         const TreeSnapshot before = s.after();
         s.open(static_cast<OpenMode>(3), false);
-        if (c.created) {
+        if (created) {
             s.package->createPart(u"/new.xml", u"", FileSystemPartInfo());
         } else {  // marks the package modified even though the part lookup fails
             EXPECT_OPC_EXCEPTION(s.package->getContentTypeOutputStream(), "Content types stream does not exist",
                                  emptyCode());
         }
         s.ops.clearCalls();
-        EXPECT_OPC_EXCEPTION(s.package->close(false), c.message, c.code ? systemCode(c.code) : emptyCode());
+        EXPECT_OPC_EXCEPTION(s.package->close(false), message, code ? systemCode(code) : emptyCode());
         s.expectClosedAndReleased();
-        std::vector<std::tuple<Hook, std::u16string, std::u16string>> calls;
-        for (const Call& call : s.ops.calls()) calls.emplace_back(call.hook, call.path, call.second);
-        ASSERT_EQ(calls.size(), c.hooks.size());
-        for (std::size_t i = 0; i < calls.size(); ++i) EXPECT_EQ(std::get<0>(calls[i]), c.hooks[i]) << i;
-        if (c.existing && !c.created) {  // aside, the empty temporary root onto the path, back
-            const std::u16string pkg = s.dir.u16("pkg"), aside = std::get<2>(calls[3]);
-            EXPECT_EQ(std::get<1>(calls[3]), pkg);
-            EXPECT_EQ(std::get<1>(calls[4]), u"");
-            EXPECT_EQ(calls[6], std::make_tuple(R, aside, pkg));
+        const std::vector<Call>& calls = s.ops.calls();
+        ASSERT_EQ(hooksOf(calls, 0, calls.size()), hooks);
+        if (existing && !created) {  // aside, the empty temporary root onto the path, back
+            const std::u16string pkg = s.dir.u16("pkg");
+            EXPECT_EQ(std::make_tuple(calls[3].path, calls[4].path, calls[6].path, calls[6].second),
+                      std::make_tuple(pkg, std::u16string(), calls[3].second, pkg));
         }
         EXPECT_EQ(s.after(), before);
     }
@@ -109,9 +104,8 @@ TEST(Commit, ReadWritePackageHoldsExactlyTheNewParts) {
     s.expectClosedAndReleased();
     EXPECT_EQ(s.after(), sampleAfterCommit());
 
-    // Five unchanged parts copied, each folder made once, by the first part
-    // that needs it; then old folder aside, temporary folder in, old folder
-    // removed, which leaves cleanup nothing to remove.
+    // Five unchanged parts copied, each folder made once; then old folder
+    // aside, temporary folder in, old folder removed: cleanup removes nothing.
     EXPECT_EQ(s.ops.count(Hook::Copy), 5u);
     EXPECT_EQ(s.ops.count(Hook::RemoveAllReporting), 0u);
     std::vector<std::u16string> made;
@@ -178,21 +172,13 @@ TEST(CommitCorpus, RewriteAndDeleteKeepEveryOtherEntry) {
     }
 }
 
-// Every file-system call a commit makes is failed in turn; whatever fails,
-// the package path holds the old package or the whole new one, and the
-// caller learns which step failed.
+// Every file-system call a commit makes is failed in turn: the package path
+// holds the old package or the whole new one, and the caller learns the step.
 
 std::string injected(Hook hook) { return std::string("injected ") + hookName(hook) + " failure"; }
 
-std::vector<Hook> hooksOf(const std::vector<Call>& calls, std::size_t from, std::size_t to) {
-    std::vector<Hook> hooks;
-    for (std::size_t i = from; i < to && i < calls.size(); ++i) hooks.push_back(calls[i].hook);
-    return hooks;
-}
-
 // What failing call k of the recorded commit must lead to: the message, the
-// code (0: none), and the calls after it (undo steps, then cleanup's removal
-// of the temporary folder).
+// code (0: none), and the undo and cleanup calls after it.
 using Expectation = std::tuple<std::string, int, std::vector<Hook>>;
 
 Expectation expectationFor(const Sample& recorded, std::size_t k) {
@@ -279,10 +265,8 @@ TEST(CommitFaults, EveryFailingCallLeavesOldPackageAndReportsItsStep) {
     }
 }
 
-// When an undo step fails too, the old package stays whole aside under its
-// hidden name, beside whatever the undo left at the package path and the
-// journal for recovery, marked "U" once the undo began to remove the package
-// path.
+// When an undo step fails too, the old package stays whole aside, beside the
+// journal for recovery, marked "U" once the undo began to remove the path.
 TEST(CommitFaults, FailedUndoLeavesOldPackageAside) {
     for (const auto& [failing, message, newLeft, state] :
          std::vector<std::tuple<std::vector<std::pair<Hook, std::size_t>>, std::string, bool, char>>{

@@ -72,9 +72,8 @@ TEST(Durability, StagedTreeSyncedBeforePublishingRenameAndParentAfter) {
     EXPECT_EQ(orderOfCommit(false), (std::vector<std::string>{"renameat2 P A", "renameat2 T P", "unlinkat J"}));
 }
 
-// A part whose last bytes still sit in the stream's buffer when the file
-// reaches the size limit: the commit fails with the write's code and the
-// old package stays, whether or not the caller flushed first.
+// The last bytes of a part, still buffered, meet the file-size limit: the
+// commit fails with the write's code, flushed first or not.
 TEST(Durability, WriteFailingAtLastBytesFailsCommitAndKeepsOldPackage) {
     constexpr rlim_t kLimit = 64 * 1024;
     for (const bool flushFirst : {false, true}) {
@@ -193,7 +192,8 @@ TEST(Recovery, EndsDeadSwapsAndRemovesLeftovers) {
                                            {"S", newFiles, std::nullopt, Swap::None, newFiles},
                                            {"U", partial, oldFiles, Swap::RestoredOld, oldFiles},
                                            {"?", oldFiles, std::nullopt, Swap::None, oldFiles},
-                                           {"S", oldFiles, std::nullopt, Swap::None, oldFiles, 12}}) {
+                                           {"S", oldFiles, std::nullopt, Swap::None, oldFiles, 12},
+                                           {"S", oldFiles, std::nullopt, Swap::None, oldFiles, 23}}) {
         SCOPED_TRACE(std::string(c.state) + (c.atPath ? " package" : " no package") + (c.aside ? ", aside" : "") +
                      (c.journalSize != std::string::npos ? ", cut short" : ""));
         TempDir dir;
@@ -207,7 +207,7 @@ TEST(Recovery, EndsDeadSwapsAndRemovesLeftovers) {
         put(".opc-otheraside", oldFiles);
         writeFile(dir.path() / ".opc-0123456789abcdef.journal", "OPCSW");
         put(".opc-0123456789abcdef", oldFiles);
-        put(".opc-notes", partial);
+        put(".opc-asid", partial);  // what the journal cut at 23 bytes would name
         writeFile(dir.path() / ".opc-pkg.lock", "");
         TreeSnapshot expected = snapshotTree(dir.path());
         // Left by dead processes: a staging folder, an empty one.

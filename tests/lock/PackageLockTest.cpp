@@ -97,9 +97,8 @@ TEST_F(Lock, ATimeOutWaitsItsTimeThenFailsWithItsMessageAndChangesNothing) {
     EXPECT_EQ(snapshotTree(dir.path()), before);
 }
 
-// A holder may remove the lock file before it lets go: a process that was
-// waiting on that file then holds the lock of the file now at the path, so
-// that a later taker still waits its turn.
+// A holder may remove the lock file before it lets go: the waiter then holds
+// the file now at the path, so that a later taker still waits its turn.
 TEST_F(Lock, AWaiterWhoseLockFileWasRemovedHoldsTheFileNowAtThePath) {
     auto holder = std::make_unique<PackageLock>(pkg, LockMode::Exclusive);
     std::unique_ptr<PackageLock> waiter;

@@ -160,10 +160,9 @@ std::size_t openDescriptors() {
     return static_cast<std::size_t>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
 }
 
-// A package tests every listed file in the listing's order; that leaves no
-// folder open, and a sequence cut short leaves at most one until the record
-// is dropped.
-TEST_F(Service, ExistsAfterAListingKeepsOneFolderOpenAndClosesItWhenItsFilesAreTested) {
+// Testing every listed file in order leaves no folder open, a sequence cut
+// short at most one until the record is dropped.
+TEST_F(Service, ExistsAfterAListingKeepsOneFolderOpenAndForgetsFoldersThisServiceMovedOrRemoved) {
     for (const char* name : {"a/w", "a/x", "a/y", "a/z", "b/x", "b/y", "types"})
         writeFile(dir.path() / "pkg" / name, name);
     const std::size_t before = openDescriptors();
@@ -194,21 +193,19 @@ TEST_F(Service, ExistsAfterAListingKeepsOneFolderOpenAndClosesItWhenItsFilesAreT
         EXPECT_EQ(openDescriptors(), before + 1);
     }
     EXPECT_EQ(openDescriptors(), before);
-}
 
-TEST_F(Service, ExistsAfterAListingAnswersForFoldersThisServiceMovedOrRemoved) {
-    for (const char* name : {"a/x", "a/y", "a/z"}) writeFile(dir.path() / "pkg" / name, name);
+    // The folder opened for a listing answers no longer once this service
+    // moved or removed it.
     listed(ops, dir.u16("pkg"), true);
     EXPECT_TRUE(ops.exists(dir.u16("pkg/a/x")));
     ops.rename(dir.u16("pkg/a"), dir.u16("pkg/moved"));
-    EXPECT_FALSE(ops.exists(dir.u16("pkg/a/y")));  // the folder opened before holds y still
+    EXPECT_FALSE(ops.exists(dir.u16("pkg/a/y")));
     EXPECT_TRUE(ops.exists(dir.u16("pkg/moved/y")));
-
     listed(ops, dir.u16("pkg"), true);
     EXPECT_TRUE(ops.exists(dir.u16("pkg/moved/x")));
     ops.removeAll(dir.u16("pkg/moved"));
     writeFile(dir.path() / "pkg" / "moved" / "y", "new");
-    EXPECT_TRUE(ops.exists(dir.u16("pkg/moved/y")));  // the folder opened before is gone
+    EXPECT_TRUE(ops.exists(dir.u16("pkg/moved/y")));
     EXPECT_FALSE(ops.exists(dir.u16("pkg/moved/z")));
 }
 
@@ -320,7 +317,7 @@ TEST_F(Service, EveryOperationFailsWithItsMessageAndCodeAndChangesNothing) {
     EXPECT_EQ(snapshotTree(dir.path()), before);
 }
 
-TEST_F(Service, FoldersStreamsSizesAndLocksDoWhatTheyName) {
+TEST_F(Service, FoldersStreamsSizesLocksAndReplaceDoWhatTheyName) {
     ops.createFolders(dir.u16("a/b"));
     ops.createFolders(dir.u16("a/b"));
     boost::system::error_code code;
@@ -339,16 +336,24 @@ TEST_F(Service, FoldersStreamsSizesAndLocksDoWhatTheyName) {
         EXPECT_NE(ops.lockFile(dir.u16("made"), mode, std::nullopt), nullptr);  // made when missing
         EXPECT_NE(ops.lockFile(dir.u16("part.xml"), mode, std::chrono::seconds(0)), nullptr);
     }
-    fs::remove(dir.path() / "big");
-    EXPECT_EQ(snapshotTree(dir.path()),
-              (TreeSnapshot{{"a/", ""}, {"a/b/", ""}, {"made", ""}, {"part.xml", "new"}, {"x/", ""}, {"x/y/", ""}}));
+    // replaceFile puts a file in place of a longer one, or of nothing.
+    const std::string bytes("new\0content\xff", 12);
+    writeFile(dir.path() / "tmp", bytes);
+    ops.replaceFile(dir.u16("tmp"), dir.u16("big"));
+    writeFile(dir.path() / "tmp2", "second");
+    ops.replaceFile(dir.u16("tmp2"), dir.u16("fresh.zip"));
+    EXPECT_EQ(snapshotTree(dir.path()), (TreeSnapshot{{"a/", ""},
+                                                      {"a/b/", ""},
+                                                      {"big", bytes},
+                                                      {"fresh.zip", "second"},
+                                                      {"made", ""},
+                                                      {"part.xml", "new"},
+                                                      {"x/", ""},
+                                                      {"x/y/", ""}}));
 }
 
 TEST_F(Service, CopyOfAFileLargerThan64MiBIsByteForByte) {
-    // Pseudo-random bytes, so a skipped, doubled or shifted block shows.
-    std::string content((std::size_t{64} << 20) + 12345, '\0');
-    std::uint64_t x = 7;
-    for (char& byte : content) byte = static_cast<char>((x = x * 6364136223846793005u + 1442695040888963407u) >> 56);
+    const std::string content = noise((std::size_t{64} << 20) + 12345);
     writeFile(dir.path() / "big", content);
     ops.copy(dir.u16("big"), dir.u16("copy"), ExistsMode::Fail);
     const std::string copied = readFile(dir.path() / "copy");
@@ -396,16 +401,6 @@ TEST_F(Service, RemoveAllTakesALinkWithoutItsTargetAndAMissingPathIsNoFailure) {
     EXPECT_FALSE(code) << code.message();
     EXPECT_EQ(listFolder(dir.path()), Strings{"target"});
     EXPECT_EQ(snapshotTree(dir.path() / "target"), target);
-}
-
-TEST_F(Service, ReplaceFilePutsAFileInPlaceOfAFileOrOfNothing) {
-    const std::string bytes("new\0content\xff", 12);
-    writeFile(dir.path() / "tmp", bytes);
-    writeFile(dir.path() / "out.zip", "an old archive, longer than the new one");
-    ops.replaceFile(dir.u16("tmp"), dir.u16("out.zip"));
-    writeFile(dir.path() / "tmp2", "second");
-    ops.replaceFile(dir.u16("tmp2"), dir.u16("fresh.zip"));
-    EXPECT_EQ(snapshotTree(dir.path()), (TreeSnapshot{{"fresh.zip", "second"}, {"out.zip", bytes}}));
 }
 
 }  // namespace

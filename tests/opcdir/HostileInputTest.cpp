@@ -31,9 +31,8 @@ std::string withEntry(const std::string& name, const std::string& data = "x") {
     return archive([&](RawZip& z) { z.stored(name, data); });
 }
 
-// Each archive unpacked with --force onto the package "pkg", and into
-// new/deeper/pkg whose folders do not exist yet: a refusal must leave the
-// folder exactly as it was, those folders included.
+// Each archive unpacked with --force onto "pkg", and into new/deeper/pkg: a
+// refusal leaves the folder exactly as it was, no new folders included.
 TEST(UnpackHostile, EveryRefusalNamesItsCauseAndLeavesTheTargetAndNothingElse) {
     TempDir dir;
     writeFile(dir.path() / "pkg" / "[Content_Types].xml", kTypes);
@@ -108,18 +107,18 @@ TEST(UnpackHostile, EveryRefusalNamesItsCauseAndLeavesTheTargetAndNothingElse) {
         expectRefused(dir.path(), words("unpack --force " + options + " bad.zip pkg"), "bad.zip: " + message);
         expectRefused(dir.path(), words("unpack " + options + " bad.zip new/deeper/pkg"), "bad.zip: " + message);
     }
-    writeFile(dir.path() / "bad.zip", withEntry("new.xml", "<new/>"));
-    EXPECT_EQ(runOpcdir(dir.path(), words("unpack --force bad.zip pkg")), (RunResult{0, "", ""}));
-    EXPECT_EQ(
-        snapshotTree(dir.path() / "pkg"),
-        (TreeSnapshot{{"[Content_Types].xml", kTypes}, {"first.xml", "<written first/>"}, {"new.xml", "<new/>"}}));
+    // Exactly at each limit: a segment of 255 bytes, the ratio and the size allowed.
+    const std::string longest(255, 'n');
+    writeFile(dir.path() / "bad.zip", withEntry(longest, "<new/>"));
+    const std::string atLimits = "--max-ratio 1 --max-size " + std::to_string(kTypes.size() + 16 + 6);
+    EXPECT_EQ(runOpcdir(dir.path(), words("unpack --force " + atLimits + " bad.zip pkg")), (RunResult{0, "", ""}));
+    EXPECT_EQ(snapshotTree(dir.path() / "pkg"),
+              (TreeSnapshot{{"[Content_Types].xml", kTypes}, {"first.xml", "<written first/>"}, {longest, "<new/>"}}));
     EXPECT_EQ(listFolder(dir.path()), (std::vector<std::string>{".opc-lock-pkg", "bad.zip", "pkg"}));
 }
 
-// Small entries are inflated ahead on worker threads, and a bad one among
-// them fails as a streamed one does: the first bad entry in archive order is
-// named, in libzip's own words, however many jobs inflate the good entries
-// and the second bad one behind it.
+// A bad entry among those inflated ahead on worker threads fails as a
+// streamed one does: the first in archive order, whatever the jobs.
 TEST(UnpackHostile, TheFirstBadEntryIsNamedAlikeWhateverTheJobs) {
     TempDir dir;
     writeFile(dir.path() / "pkg" / "[Content_Types].xml", kTypes);
@@ -160,18 +159,13 @@ TEST(UnpackHostile, TheFirstBadEntryIsNamedAlikeWhateverTheJobs) {
 }
 
 // A package folder from someone else: links out of it, a FIFO, a socket.
-struct StrangersPackage : ::testing::Test {
-    void SetUp() override {
-        writeFile(dir.path() / "pkg" / "[Content_Types].xml", kTypes);
-        writeFile(dir.path() / "pkg" / "word" / "a.xml", "<a/>");
-        writeFile(dir.path() / "in.xml", "<new/>");
-        makeIrregularEntries(dir.path() / "pkg" / "word", dir.path() / "outside");
-    }
-    TempDir dir;
+TEST(StrangersPackage, NothingOutsideIsReadAndACommitDropsWhatIsNoFile) {
     const NoHang noHang;
-};
-
-TEST_F(StrangersPackage, NothingOutsideIsReadAndACommitDropsWhatIsNoFile) {
+    TempDir dir;
+    writeFile(dir.path() / "pkg" / "[Content_Types].xml", kTypes);
+    writeFile(dir.path() / "pkg" / "word" / "a.xml", "<a/>");
+    writeFile(dir.path() / "in.xml", "<new/>");
+    makeIrregularEntries(dir.path() / "pkg" / "word", dir.path() / "outside");
     EXPECT_EQ(runOpcdir(dir.path(), {"ls", "pkg"}).out, "71  /[Content_Types].xml\n 4  /word/a.xml\n");
     for (const std::string part : {"word/out.xml", "word/fifo.xml", "word/zero.xml", "word/linked/inner/file.xml"})
         expectRefused(dir.path(), {"cat", "pkg", part}, "pkg: no part '/" + part + "'");
@@ -186,10 +180,8 @@ TEST_F(StrangersPackage, NothingOutsideIsReadAndACommitDropsWhatIsNoFile) {
               (TreeSnapshot{{"inner/", ""}, {"inner/file.xml", "outside inner"}, {"secret", "outside secret"}}));
 }
 
-// ls finds each part's type by override or default, whatever the case of
-// the extension, the percent-encoding of the name or comments; it escapes
-// control characters and bytes outside UTF-8 on a terminal, and always in
-// JSON.
+// ls types parts by override or default (any case, percent-encoding or
+// comments) and escapes what is not printable UTF-8 on a terminal and in JSON.
 TEST(ListNames, TypesByOverrideOrDefaultAndNamesEscapedWhereTheyCouldHarm) {
     TempDir dir;
     writeFile(dir.path() / "pkg" / "[Content_Types].xml",
@@ -252,9 +244,8 @@ TEST(ListNames, TypesByOverrideOrDefaultAndNamesEscapedWhereTheyCouldHarm) {
     }
 }
 
-// 260 names of 2,000 segments each, all different: checking them used to keep
-// every prefix of every name, a gigabyte for this archive of a 1 MB central
-// directory. The child's address space may grow by a small multiple of that.
+// 260 names of 2,000 segments each: keeping every prefix took a gigabyte for
+// this 1 MB central directory; the child may grow by a small multiple of it.
 TEST(UnpackHostile, DeepNamesAreCheckedWithinASmallMultipleOfTheCentralDirectory) {
 #if defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "AddressSanitizer cannot run under RLIMIT_AS";

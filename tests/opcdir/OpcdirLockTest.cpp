@@ -140,11 +140,9 @@ TEST_F(Turns, RefusalsOfTheLockAreOneLineAndLeaveEverythingAsItWas) {
     EXPECT_EQ(run("cat pkg a.xml"), (RunResult{0, "a", ""}));
 }
 
-// A package to create in a folder yet to be made is locked once the command
-// has made that folder: a holder of the lock keeps the command out (the
-// folder stays, with the holder's lock file), a command that fails after it
-// took the lock removes the folders it made, and one that succeeds keeps
-// them with its lock file.
+// A package created in a folder yet to be made is locked once the folder is
+// made: a holder keeps the command out, a command failing after it took the
+// lock removes the folders it made, one that succeeds keeps them.
 TEST_F(Turns, CreatingInAFolderYetToBeMadeLocksOnceTheFolderIsMade) {
     RawZip zip;
     zip.stored("[Content_Types].xml", kTypes);
@@ -215,9 +213,8 @@ void commitPart(const std::u16string& path, const std::string& name) {
     package.close(false);
 }
 
-// Forked writers commit through the library, opcdir's puts beside them, while
-// opcdir's readers loop in a child that stops when the pipe is closed: none
-// may fail, and every archive pack writes meanwhile must be a whole commit.
+// Library commits and opcdir puts in forked writers, opcdir readers looping
+// meanwhile: none fails, and every archive packed is one whole commit.
 TEST_F(Turns, ManyProcessesCommitWithoutLossWhileReadersAndPackSeeOnlyWholeCommits) {
     writeFile(dir.path() / "pkg" / "index.txt", "");
     fs::create_directory(dir.path() / "packed");

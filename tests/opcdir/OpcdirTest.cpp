@@ -180,10 +180,8 @@ TEST(UnpackPackCorpus, EveryPackageRoundTripsEntryForEntryAndPacksTheSameTwice) 
     }
 }
 
-// The archive is read through a window of 64 KiB: entries that straddle its
-// edges, reads larger than it and entries far apart all come out byte for
-// byte, whether inflated ahead on worker threads (up to 1 MiB) or streamed,
-// and whatever the number of jobs.
+// The archive is read through a 64 KiB window: entries across its edges,
+// larger than it or far apart come out byte for byte, whatever the jobs.
 TEST(UnpackWindow, EveryEntryComesOutWhereverItLiesInTheArchiveWhateverTheJobs) {
     TempDir dir;
     RawZip zip;
@@ -197,21 +195,15 @@ TEST(UnpackWindow, EveryEntryComesOutWhereverItLiesInTheArchiveWhateverTheJobs) 
         expected[name] = bytes;
     };
     add("[Content_Types].xml", "<Types/>", false);
-    std::uint32_t state = 1;
-    const auto noise = [&](std::size_t size) {
-        std::string bytes(size, '\0');
-        for (char& byte : bytes) byte = static_cast<char>((state = state * 1664525u + 1013904223u) >> 24);
-        return bytes;
-    };
-    for (const std::size_t size : {std::size_t{65535}, std::size_t{65536}, std::size_t{65537}, std::size_t{200000}})
-        add("big/" + std::to_string(size), noise(size), false);
-    for (int i = 0; i < 40; ++i)
-        add("small/" + std::to_string(i), noise(std::size_t(97) * (i + 1) * (i + 1)), i % 3 == 0);
+    for (const std::uint32_t size : {65535u, 65536u, 65537u, 200000u})
+        add("big/" + std::to_string(size), noise(size, size), false);
+    for (std::uint32_t i = 0; i < 40; ++i)
+        add("small/" + std::to_string(i), noise(97 * (i + 1) * (i + 1), i), i % 3 == 0);
     add("text.xml", std::string(300000, 'x') + noise(5000), true);
-    add("large.xml", std::string(std::size_t{1} << 20, 'y') + noise(5000), true);
+    add("large.xml", std::string(std::size_t{1} << 20, 'y') + noise(5000, 2), true);
     add("empty.xml", "", true);
     // libzip takes bytes after the end of a deflate stream, and so does unpack.
-    expected["trailing.xml"] = noise(3000);
+    expected["trailing.xml"] = noise(3000, 3);
     zip.deflated("trailing.xml", expected["trailing.xml"]).data += "after";
     expected["big/"] = expected["small/"] = "";
     zip.write(dir.path() / "a.zip");
@@ -222,11 +214,9 @@ TEST(UnpackWindow, EveryEntryComesOutWhereverItLiesInTheArchiveWhateverTheJobs) 
     }
 }
 
-// Fails each file-system call of each command in turn: a failed run must say
-// so in one line naming one of its files, with status 1 (2 for diff and
-// check) and nothing on standard output, and leave the whole tree as it was;
-// a run that succeeds anyway (the failure was harmless) must give the clean
-// result.
+// Fails each file-system call of each command in turn: a failed run says so
+// in one line naming one of its files, status 1 (2 for diff and check), and
+// leaves the tree as it was; one that succeeds anyway gives the clean result.
 TEST(CommandUnderFaults, EveryFailingCallLeavesTheOldTreeOrGivesTheNew) {
     TempDir dir;
     const std::string types = "<Types><Default Extension=\"xml\" ContentType=\"application/xml\"/></Types>";
@@ -301,9 +291,7 @@ TEST(CommandUnderFaults, EveryFailingCallLeavesTheOldTreeOrGivesTheNew) {
     }
     std::cout << "[ coverage ] failed each of " << covered << " service calls of " << commands.size()
               << " commands in turn\n";
-    // Among them every kind of call the tool makes beyond what the package
-    // does: the input file, the archive read and written, sizes, targets and
-    // the recovery every writing command starts with, and the lock.
+    // Among them every kind of call the tool makes beyond the package's.
     for (const Hook hook : {Hook::CreateInputStream, Hook::CreateOutputStream, Hook::FileSize, Hook::ReplaceFile,
                             Hook::GetTempName, Hook::IsFolder, Hook::GetFiles, Hook::NormalizePath, Hook::Recover,
                             Hook::Exists, Hook::LockFile, Hook::GetIrregularEntries})
@@ -354,9 +342,8 @@ struct RefusingWrites : FaultyFileSystemOps {
     }
 };
 
-// Writes that fail at once on a full disk, later, or only as libzip closes
-// the archive: one line naming the cause and the file, and neither a part,
-// an archive nor a temporary file changed or left.
+// Writes failing at once, later, or as libzip closes the archive: one line
+// naming cause and file, and no part, archive or temporary file changed.
 TEST(CommandUnderFaults, FailedWritesNameTheirCauseAndTheFileAndLeaveTheOldFiles) {
     TempDir dir;
     writeFile(dir.path() / "pkg" / "[Content_Types].xml", "<Types/>");
@@ -412,11 +399,9 @@ TEST(OpcdirWriteFailure, LastBytesOverTheFileSizeLimitExitOneNamingTheCause) {
 // A dead commit's journal: the package "pkg" moved aside to ".opc-aside".
 const std::string kJournal = std::string("OPCSWAP1Spkg") + '\0' + ".opc-aside" + '\0';
 
-// A package (or none) at its path or moved aside by a commit whose process
-// died, a staging folder of that process beside it or not; then recover, or
-// a command that writes and so recovers first: new does not build a package
-// over one that is only moved aside, put and rm work on it. (Modes and owners
-// across put and rm are the library commit's: tests/commit/DurabilityTest.cpp.)
+// A package at its path or moved aside by a dead commit, with its staging
+// folder or not; then recover, or a writing command, which recovers first:
+// new does not build over a package only moved aside, put and rm work on it.
 TEST(OpcdirRecover, PutsBackWhatDeadCommitsLeftAndSaysSoAndEveryCommandThatWritesDoesFirst) {
     const std::string restored = "pkg: put back the package as it was before an unfinished commit";
     const std::string removed = "removed 1 folder left by unfinished commits\n";

@@ -23,11 +23,9 @@ struct IrregularEntry {
     int openError;  // what opening it to read reports
 };
 
-// Makes in folder, beside whatever it holds: links to the file outside/secret
-// and to /dev/zero, a dangling link, a link to the folder outside, a FIFO, a
-// socket and, where the process may make one, a character device. outside is
-// made with "secret" and "inner/file.xml" in it. Returns the entries made,
-// the linked folder excepted.
+// Makes in folder links to outside/secret, /dev/zero, nothing and the folder
+// outside (made with "secret" and "inner/file.xml"), a FIFO, a socket and,
+// where allowed, a device. Returns the entries made but the linked folder.
 inline std::vector<IrregularEntry> makeIrregularEntries(const std::filesystem::path& folder,
                                                         const std::filesystem::path& outside) {
     namespace fs = std::filesystem;

@@ -32,6 +32,17 @@ template <class Statement>
     return ::testing::AssertionFailure() << "threw nothing; expected \"" << message << "\"";
 }
 
+// The what() of the E that statement throws, or "nothing thrown".
+template <class E = std::exception, class Statement>
+std::string thrownWhat(Statement&& statement) {
+    try {
+        statement();
+    } catch (const E& e) {
+        return e.what();
+    }
+    return "nothing thrown";
+}
+
 // The empty code: what every failure the package finds itself carries.
 inline boost::system::error_code emptyCode() { return {}; }
 

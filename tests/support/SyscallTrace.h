@@ -14,10 +14,8 @@ struct SyscallEvent {
     std::string second;  // rename's destination, else empty
 };
 
-// The test program that links this defines the C library's calls that change
-// a folder (mkdir, rename, unlink, fsync, fchmod, copy_file_range, ...: see
-// the .cpp), so it sees every such call the libraries make, records it on
-// request, and can stop its own process at the n-th one.
+// Linked in, this replaces the C library's calls that change a folder (see the
+// .cpp): it records them on request and can stop the process at the n-th.
 class SyscallTrace {
 public:
     static void startRecording();

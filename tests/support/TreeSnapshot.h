@@ -10,11 +10,9 @@
 
 namespace opc::test {
 
-// Everything below a folder: each file's relative path mapped to its bytes,
-// each folder's relative path plus "/" mapped to "", each symbolic link's
-// path mapped to "-> " plus its target, and a FIFO, socket or device to
-// "<special>". Two snapshots are equal exactly when the trees hold the same
-// names and bytes.
+// Everything below a folder by relative path: a file's bytes, "" for a
+// folder (its path ending in "/"), "-> target" for a link, "<special>" for a
+// FIFO, socket or device.
 using TreeSnapshot = std::map<std::string, std::string>;
 
 inline TreeSnapshot snapshotTree(const std::filesystem::path& root) {

@@ -14,7 +14,7 @@
 
 namespace opc::test {
 
-ZipEntries readZipEntries(const std::filesystem::path& archive) {
+ZipEntries readZipEntries(const std::filesystem::path& archive, bool compressed) {
     int error = 0;
     std::unique_ptr<zip_t, decltype(&zip_discard)> zip(zip_open(archive.c_str(), ZIP_RDONLY, &error), &zip_discard);
     if (!zip) throw std::runtime_error("cannot open ZIP " + archive.native());
@@ -28,10 +28,10 @@ ZipEntries readZipEntries(const std::filesystem::path& archive) {
         std::string name = stat.name;
         if (!name.empty() && name.back() == '/') continue;
         std::unique_ptr<zip_file_t, decltype(&zip_fclose)> file(
-            zip_fopen_index(zip.get(), static_cast<zip_uint64_t>(i), 0), &zip_fclose);
+            zip_fopen_index(zip.get(), static_cast<zip_uint64_t>(i), compressed ? ZIP_FL_COMPRESSED : 0), &zip_fclose);
         if (!file) throw std::runtime_error("cannot open entry " + name + " of " + archive.native());
-        std::string bytes(stat.size, '\0');
-        if (zip_fread(file.get(), bytes.data(), stat.size) != static_cast<zip_int64_t>(stat.size)) {
+        std::string bytes(compressed ? stat.comp_size : stat.size, '\0');
+        if (zip_fread(file.get(), bytes.data(), bytes.size()) != static_cast<zip_int64_t>(bytes.size())) {
             throw std::runtime_error("cannot read entry " + name + " of " + archive.native());
         }
         entries.emplace_back(std::move(name), std::move(bytes));

@@ -7,11 +7,11 @@
 
 namespace opc::test {
 
-// A ZIP archive's entries, in archive order: name and bytes. Folder entries
-// (names ending in "/") are left out. Throws std::runtime_error for an archive
-// that cannot be read.
+// A ZIP archive's entries, in archive order: name and bytes (as stored, when
+// compressed). Folder entries (names ending in "/") are left out. Throws
+// std::runtime_error for an archive that cannot be read.
 using ZipEntries = std::vector<std::pair<std::string, std::string>>;
-ZipEntries readZipEntries(const std::filesystem::path& archive);
+ZipEntries readZipEntries(const std::filesystem::path& archive, bool compressed = false);
 
 // Writes every file entry of archive below folder (made if missing), as a test
 // fixture: a folder package made from a ZIP package.
