@@ -21,6 +21,7 @@
 #include <filesystem>
 #include <iterator>
 #include <new>
+#include <numeric>
 #include <optional>
 #include <thread>
 #include <utility>
@@ -252,12 +253,6 @@ error_code kindOf(int folderFd, const dirent& entry, EntryKind& kind, IrregularK
     return {};
 }
 
-struct PendingFolder {
-    std::string native{};
-    std::u16string prefix{};
-    bool named = false;  // the folder the caller named, which may be a link
-};
-
 // prefix + "/" + name in one allocation: listings of many files spend more
 // time growing strings than reading folders.
 void appendChildPath(std::u16string& path, const std::u16string& prefix, std::string_view name) {
@@ -274,10 +269,73 @@ struct Listing {
     detail::ListedFolders* folders = nullptr;
 };
 
-// Reads one folder into listing; its subfolders go to pending.
-error_code listFolder(const PendingFolder& folder, const Listing& listing, std::vector<PendingFolder>* pending) {
+// One entry of a folder being walked, as the folder holds it.
+struct Child {
+    std::string name{};
+    EntryKind kind = EntryKind::Skip;
+    IrregularKind irregular = IrregularKind::SymbolicLink;
+};
+
+// What follows the first units units of a child's name in the order of its
+// path: its next unit, or for a subfolder "/" (as every path below it goes
+// on), or nothing.
+template <typename Name>
+std::int32_t unitAfter(const Name& name, std::size_t units, EntryKind kind) {
+    using Unit = std::make_unsigned_t<typename Name::value_type>;
+    if (units < name.size()) return static_cast<std::int32_t>(static_cast<Unit>(name[units]));
+    return kind == EntryKind::Folder ? std::int32_t{'/'} : -1;
+}
+
+// The order of std::less on the paths of two entries of one folder, given
+// their names (as bytes when both are ASCII alone, else decoded).
+template <typename Name>
+bool nameBefore(const Name& a, EntryKind aKind, const Name& b, EntryKind bKind) {
+    const std::size_t common = std::min(a.size(), b.size());
+    const int order = Name::traits_type::compare(a.data(), b.data(), common);
+    if (order != 0) return order < 0;
+    return unitAfter(a, common, aKind) < unitAfter(b, common, bKind);
+}
+
+// A folder being walked: its paths, its entries, the order to walk them in,
+// and how far the walk has gone.
+struct Frame {
+    std::string native{};
+    std::u16string prefix{};
+    std::vector<Child> children{};
+    std::vector<std::uint32_t> order{};
+    std::size_t next = 0;
+};
+
+// ASCII names compare as bytes in the order of their UTF-16 units, and much
+// faster than decoded; others are decoded to compare.
+void sortChildren(Frame& frame) {
+    const std::vector<Child>& children = frame.children;
+    frame.order.resize(children.size());
+    std::iota(frame.order.begin(), frame.order.end(), 0);
+    const bool ascii = std::all_of(children.begin(), children.end(), [](const Child& child) {
+        return std::all_of(child.name.begin(), child.name.end(),
+                           [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+    });
+    if (ascii) {
+        std::sort(frame.order.begin(), frame.order.end(), [&](std::uint32_t x, std::uint32_t y) {
+            return nameBefore(children[x].name, children[x].kind, children[y].name, children[y].kind);
+        });
+        return;
+    }
+    std::vector<std::u16string> decoded(children.size());
+    for (std::size_t i = 0; i < children.size(); ++i) NameCodec::appendDecoded(decoded[i], children[i].name);
+    std::sort(frame.order.begin(), frame.order.end(), [&](std::uint32_t x, std::uint32_t y) {
+        return nameBefore(decoded[x], children[x].kind, decoded[y], children[y].kind);
+    });
+}
+
+// Reads into frame, in the order of their paths, the entries of its folder
+// that listing gathers, and its subfolders when recursive.
+error_code listFolder(Frame& frame, bool named, const Listing& listing, bool recursive) {
+    frame.children.clear();
+    frame.next = 0;
     // A subfolder swapped for a link since it was listed is not entered.
-    const int fd = ::open(folder.native.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | (folder.named ? 0 : O_NOFOLLOW));
+    const int fd = ::open(frame.native.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | (named ? 0 : O_NOFOLLOW));
     if (fd < 0) return lastError();
     DIR* const stream = ::fdopendir(fd);
     if (stream == nullptr) {
@@ -289,55 +347,72 @@ error_code listFolder(const PendingFolder& folder, const Listing& listing, std::
     for (;;) {
         errno = 0;
         const dirent* entry = ::readdir(stream);
-        if (entry == nullptr) return errno == 0 ? error_code() : lastError();
+        if (entry == nullptr) break;
         const std::string_view name(entry->d_name);
         if (name == "." || name == "..") continue;
         EntryKind kind = EntryKind::Skip;
         IrregularKind irregular = IrregularKind::SymbolicLink;
         if (error_code code = kindOf(fd, *entry, kind, irregular)) return code;
-        switch (kind) {
-            case EntryKind::File:
-                if (listing.files != nullptr) appendChildPath(listing.files->emplace_back(), folder.prefix, name);
-                break;
-            case EntryKind::Folder:
-                if (pending != nullptr) {
-                    PendingFolder& child = pending->emplace_back();
-                    child.native.reserve(folder.native.size() + 1 + name.size());
-                    child.native.append(folder.native).append(1, '/').append(name);
-                    appendChildPath(child.prefix, folder.prefix, name);
-                }
-                break;
-            case EntryKind::Irregular:
-                if (listing.irregular != nullptr) {
-                    IrregularEntry& found = listing.irregular->emplace_back();
-                    found.kind = irregular;
-                    appendChildPath(found.path, folder.prefix, name);
-                }
-                break;
-            case EntryKind::Skip: break;
-        }
+        const bool wanted = (kind == EntryKind::File && listing.files != nullptr) ||
+                            (kind == EntryKind::Folder && recursive) ||
+                            (kind == EntryKind::Irregular && listing.irregular != nullptr);
+        if (wanted) frame.children.push_back({std::string(name), kind, irregular});
     }
+    if (errno != 0) return lastError();
+    sortChildren(frame);
+    return {};
 }
 
-// Lists folder, and with recursive its subfolders, into listing; throws
-// naming the folder that failed.
+// Lists folder, and with recursive its subfolders, into listing: depth
+// first, each folder's entries in order, so that the paths come out in the
+// order of std::less. Throws naming the folder that failed.
 void listTree(const std::u16string& folder, const Listing& listing, bool recursive) {
-    std::vector<PendingFolder> pending(1);
-    if (error_code code = nativePath(folder, pending.front().native))
+    // Frames outlive the folders they walked, so that their memory serves the next folder at that depth.
+    std::vector<Frame> frames(1);
+    if (error_code code = nativePath(folder, frames.front().native))
         fail("Cannot list folder " + display(folder), code);
-    pending.front().prefix = folder;
-    pending.front().named = true;
+    frames.front().prefix = folder;
     // A relative folder would be resolved against whatever the current folder is at each test.
     detail::ListedFolders* const folders = !folder.empty() && folder.front() == u'/' ? listing.folders : nullptr;
-    while (!pending.empty()) {
-        PendingFolder current = std::move(pending.back());
-        pending.pop_back();
-        const std::size_t before = listing.files != nullptr ? listing.files->size() : 0;
-        if (error_code code = listFolder(current, listing, recursive ? &pending : nullptr)) {
-            fail("Cannot list folder " + display(current.prefix), code);
+    std::size_t depth = 0;
+    const auto enter = [&](bool named) {
+        Frame& frame = frames[depth];
+        if (error_code code = listFolder(frame, named, listing, recursive)) {
+            fail("Cannot list folder " + display(frame.prefix), code);
         }
-        const std::size_t added = listing.files != nullptr ? listing.files->size() - before : 0;
-        if (folders != nullptr && added > 0) folders->add(std::move(current.prefix), current.native.size(), added);
+        const auto files = static_cast<std::size_t>(std::count_if(
+            frame.children.begin(), frame.children.end(), [](const Child& c) { return c.kind == EntryKind::File; }));
+        if (folders != nullptr && files > 0) folders->add(frame.prefix, frame.native.size(), files);
+        ++depth;
+    };
+    enter(true);
+    while (depth > 0) {
+        Frame& frame = frames[depth - 1];
+        if (frame.next == frame.order.size()) {
+            --depth;
+            continue;
+        }
+        const Child& child = frame.children[frame.order[frame.next++]];
+        switch (child.kind) {
+            case EntryKind::File: appendChildPath(listing.files->emplace_back(), frame.prefix, child.name); break;
+            case EntryKind::Folder: {
+                if (depth == frames.size()) frames.emplace_back();
+                const Frame& parent = frames[depth - 1];  // frame may have moved
+                Frame& next = frames[depth];
+                next.native.assign(parent.native).append(1, '/').append(child.name);
+                next.prefix.clear();
+                appendChildPath(next.prefix, parent.prefix, child.name);
+                enter(false);
+                break;
+            }
+            case EntryKind::Irregular: {
+                IrregularEntry& found = listing.irregular->emplace_back();
+                found.kind = child.irregular;
+                appendChildPath(found.path, frame.prefix, child.name);
+                break;
+            }
+            case EntryKind::Skip: break;
+        }
     }
 }
 

@@ -1,5 +1,6 @@
 #include <opccore/NameCodec.h>
 
+#include <algorithm>
 #include <cstddef>
 
 namespace opc {
@@ -110,12 +111,20 @@ std::u16string NameCodec::decode(std::string_view bytes) {
 
 void NameCodec::appendDecoded(std::u16string& out, std::string_view bytes) {
     for (std::size_t i = 0; i < bytes.size();) {
-        const auto lead = static_cast<unsigned char>(bytes[i]);
-        if (lead < 0x80) {
-            out.push_back(lead);
-            ++i;
+        // A run of ASCII is widened at once: most names hold nothing else.
+        std::size_t end = i;
+        while (end < bytes.size() && static_cast<unsigned char>(bytes[end]) < 0x80) ++end;
+        if (end > i) {
+            const std::size_t at = out.size();
+            out.resize(at + (end - i));
+            std::transform(bytes.begin() + static_cast<std::ptrdiff_t>(i),
+                           bytes.begin() + static_cast<std::ptrdiff_t>(end),
+                           out.begin() + static_cast<std::ptrdiff_t>(at),
+                           [](char c) { return static_cast<char16_t>(static_cast<unsigned char>(c)); });
+            i = end;
             continue;
         }
+        const auto lead = static_cast<unsigned char>(bytes[i]);
         const std::size_t length = sequenceLength(bytes, i);
         if (length == 0) {
             out.push_back(static_cast<char16_t>(kEscapeBase + lead));

@@ -9,21 +9,22 @@ namespace {
 
 [[noreturn]] void fail(const char* message) { throw opc::Exception(message, boost::system::error_code()); }
 
+bool isValidSegment(std::u16string_view segment) { return !segment.empty() && segment != u"." && segment != u".."; }
+
 // A name that could reach outside the package folder, or that no file can
 // carry, is refused before any path is made of it.
 bool isValidPartName(std::u16string_view name) {
     if (name.empty() || name.front() != u'/') return false;
-    // One pass over the units; the end of the name closes the last segment.
     std::size_t start = 1;
-    for (std::size_t i = 1; i <= name.size(); ++i) {
-        const char16_t unit = i < name.size() ? name[i] : u'/';
+    for (std::size_t i = 1; i < name.size(); ++i) {
+        const char16_t unit = name[i];
+        if (unit > u'/') continue;  // most units, at the cost of one comparison
         if (unit == u'\0') return false;
         if (unit != u'/') continue;
-        const std::u16string_view segment = name.substr(start, i - start);
-        if (segment.empty() || segment == u"." || segment == u"..") return false;
+        if (!isValidSegment(name.substr(start, i - start))) return false;
         start = i + 1;
     }
-    return true;
+    return isValidSegment(name.substr(start));
 }
 
 }  // namespace

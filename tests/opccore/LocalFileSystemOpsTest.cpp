@@ -82,6 +82,31 @@ TEST_F(Service, GetFilesListsFilesAtAnyDepthAsSpelledButNoFoldersOrLinks) {
     EXPECT_EQ(listed(ops, dir.u16("named"), true), Strings{toUtf8(dir.u16("named/media/deep/image.png"))});
 }
 
+// Callers keeping parts in a std::map insert each listed path at its end.
+TEST_F(Service, GetFilesListsInTheOrderOfUtf16CodeUnits) {
+    // As bytes or code points "\xEF\xBC\xA1" (U+FF21) sorts before the emoji; as UTF-16 units after it.
+    for (const char* name : {"a0", "a/b", "a.txt", "a-", "B", "z", "\xC3\xA9/x", "\xEF\xBC\xA1", "\xF0\x9F\x98\x80",
+                             "\xFF", "n/\xEF\xBC\xA1", "n/\xF0\x9F\x98\x80"}) {
+        writeFile(dir.path() / "pkg" / name, "x");
+    }
+    std::vector<std::u16string> files;
+    ops.getFiles(dir.u16("pkg"), files, true);
+    const std::u16string root = dir.u16("pkg") + u"/";
+    const std::vector<std::u16string> expected = {root + u"B",
+                                                  root + u"a-",
+                                                  root + u"a.txt",
+                                                  root + u"a/b",
+                                                  root + u"a0",
+                                                  root + u"n/\U0001F600",
+                                                  root + u"n/\uFF21",
+                                                  root + u"z",
+                                                  root + u"\u00E9/x",
+                                                  root + u"\U0001F600",
+                                                  root + std::u16string(1, char16_t{0xDCFF}),
+                                                  root + u"\uFF21"};
+    EXPECT_EQ(files, expected);
+}
+
 TEST_F(Service, OnlyRegularFilesAreListedReadOrCopiedAndNothingOutsideIsReached) {
     const NoHang noHang;
     writeFile(dir.path() / "pkg" / "a.xml", "A");

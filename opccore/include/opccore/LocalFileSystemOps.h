@@ -67,10 +67,12 @@ class StagingArea;
 //   and the tests is outside this promise, as any concurrent writer is
 //   without the package lock. The open folder is closed when it is
 //   forgotten, when tests move to another folder, or with the service.
-// - getFiles: only regular files, hidden ones included. No symbolic link (to
-//   a file, to a folder, or dangling), FIFO, socket or device is listed and
-//   no linked folder is entered, so a listing always ends and never reads
-//   outside folder; folder itself may be a link to a folder. Throws "Cannot
+// - getFiles: only regular files, hidden ones included, appended in the
+//   order of std::less on their paths (UTF-16 code unit by code unit), so a
+//   caller keeping them in a std::map inserts each at its end. No symbolic
+//   link (to a file, to a folder, or dangling), FIFO, socket or device is
+//   listed and no linked folder is entered, so a listing always ends and
+//   never reads outside folder; folder itself may be a link to a folder. Throws "Cannot
 //   list folder <folder>" naming the folder that failed, which may be a
 //   subfolder (also one swapped for a link while the listing ran): missing
 //   (ENOENT), not a folder (ENOTDIR), not readable (EACCES).
