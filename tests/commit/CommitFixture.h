@@ -7,7 +7,6 @@
 #include "support/FaultyFileSystemOps.h"
 #include "support/OpcAssertions.h"
 #include "support/StreamHelpers.h"
-#include "support/Strings.h"
 #include "support/TempDir.h"
 #include "support/TreeSnapshot.h"
 

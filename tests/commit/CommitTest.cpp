@@ -1,6 +1,6 @@
 #include "CommitFixture.h"
 
-#include "support/ZipFixture.h"
+#include "support/RawZip.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -4,7 +4,6 @@
 #include "support/ChildProcess.h"
 #include "support/FaultyFileSystemOps.h"
 #include "support/OpcAssertions.h"
-#include "support/Strings.h"
 #include "support/TempDir.h"
 #include "support/TreeSnapshot.h"
 
@@ -43,14 +42,6 @@ struct Lock : ::testing::Test {
     TempDir dir;
     std::u16string pkg = dir.u16("pkg");
 };
-
-TEST_F(Lock, LockFileLiesBesideThePackageUnderOneNameForEverySpellingAndBeforeThePackageExists) {
-    PackageLock first(pkg, LockMode::Shared);
-    EXPECT_EQ(first.getLockPath(), dir.u16(".opc-lock-pkg"));
-    for (const std::u16string& spelling : {dir.u16("x/../pkg/"), dir.u16() + u"//./pkg"})
-        EXPECT_EQ(PackageLock(spelling, LockMode::Shared).getLockPath(), first.getLockPath());
-    EXPECT_EQ(snapshotTree(dir.path()), (TreeSnapshot{{".opc-lock-pkg", ""}}));
-}
 
 TEST_F(Lock, LongPackageNamesGetLockNamesWithinNameMaxThatStillTellThemApart) {
     const std::string wide = "\xe6\x96\x87";  // three bytes, one code unit
@@ -152,14 +143,20 @@ TEST_F(Lock, AFailingServiceCallGivesItsMessageAndLeavesNothing) {
     EXPECT_EQ(listFolder(dir.path()), std::vector<std::string>{});
 }
 
-TEST_F(Lock, TheLockOfAPackageOutlivesCommitsThatReplaceItsFolder) {
-    PackageLock held(pkg, LockMode::Exclusive);
+// Beside the package under one name for every spelling, before the package
+// exists and across commits that replace its folder.
+TEST_F(Lock, LockFileLiesBesideThePackageUnderOneNameAndOutlivesCommitsThatReplaceItsFolder) {
+    PackageLock held(pkg, LockMode::Shared);
+    EXPECT_EQ(held.getLockPath(), dir.u16(".opc-lock-pkg"));
+    for (const std::u16string& spelling : {dir.u16("x/../pkg/"), dir.u16() + u"//./pkg"})
+        EXPECT_EQ(PackageLock(spelling, LockMode::Shared).getLockPath(), held.getLockPath());
+    EXPECT_EQ(snapshotTree(dir.path()), (TreeSnapshot{{".opc-lock-pkg", ""}}));
     for (int round = 0; round < 2; ++round) {
         opc::fspackage::FileSystemPhysicalPackage package(pkg);
         package.open(opc::interfaces::Create);
         package.close(false);
     }
-    EXPECT_FALSE(grantedAtOnce(LockMode::Shared));
+    EXPECT_FALSE(grantedAtOnce(LockMode::Exclusive));
     EXPECT_EQ(listFolder(dir.path()), (std::vector<std::string>{".opc-lock-pkg", "pkg"}));
 }
 

@@ -4,7 +4,6 @@
 #include <opccore/LocalFileSystemOps.h>
 
 #include "support/OpcAssertions.h"
-#include "support/Strings.h"
 #include "support/TempDir.h"
 #include "support/TreeSnapshot.h"
 

@@ -30,8 +30,7 @@ Strings listed(Ops& ops, const std::u16string& folder, bool recursive) {
     return names;
 }
 
-TEST(PathArithmetic, JoinsNormalizesLexicallyAndCutsTheLastSegment) {
-    Ops ops;
+TEST_F(Service, PathsAreJoinedNormalizedLexicallyAgainstTheCurrentFolderAndCut) {
     EXPECT_EQ(ops.appendPath(u"/data/pkg", u"word/x.xml"), u"/data/pkg/word/x.xml");
     EXPECT_EQ(ops.appendPath(u"/", u"a/b"), u"/a/b");
     // Only "." and ".." are special.
@@ -53,9 +52,7 @@ TEST(PathArithmetic, JoinsNormalizesLexicallyAndCutsTheLastSegment) {
              {u"/data/pkg/x.xml", u"/data/pkg"}, {u"a/b", u"a"}, {u"/a", u"/"}, {u"pkg", u""}, {u"", u""}}) {
         EXPECT_EQ(ops.getParentPath(in), expected) << toUtf8(in);
     }
-}
-
-TEST_F(Service, NormalizePathTakesARelativePathAgainstTheCurrentFolderAndKeepsLinks) {
+    // A relative path goes against the current folder; links stay unresolved.
     fs::create_directories(dir.path() / "real" / "inner");
     fs::create_directory_symlink(dir.path() / "real" / "inner", dir.path() / "link");
     const fs::path previous = fs::current_path();

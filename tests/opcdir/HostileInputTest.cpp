@@ -5,7 +5,6 @@
 #include "support/ChildProcess.h"
 #include "support/IrregularEntries.h"
 #include "support/RawZip.h"
-#include "support/ZipFixture.h"
 
 #include <sys/resource.h>
 

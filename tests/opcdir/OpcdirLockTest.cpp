@@ -7,8 +7,6 @@
 #include "support/FaultyFileSystemOps.h"
 #include "support/RawZip.h"
 #include "support/StreamHelpers.h"
-#include "support/Strings.h"
-#include "support/ZipFixture.h"
 
 #include <opcfspackage/FileSystemPartInfo.h>
 #include <opcfspackage/FileSystemPhysicalPackage.h>

@@ -2,7 +2,6 @@
 #include "support/ChildProcess.h"
 #include "support/FaultyFileSystemOps.h"
 #include "support/RawZip.h"
-#include "support/ZipFixture.h"
 
 #include <signal.h>
 #include <sys/resource.h>

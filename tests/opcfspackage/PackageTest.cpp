@@ -1,7 +1,6 @@
 #include "support/FaultyFileSystemOps.h"
 #include "support/OpcAssertions.h"
 #include "support/StreamHelpers.h"
-#include "support/Strings.h"
 #include "support/TempDir.h"
 #include "support/TreeSnapshot.h"
 
@@ -288,18 +287,6 @@ TEST_F(ScriptedNames, RegisteredInCodeUnitOrderWhateverTheListingOrder) {
     for (const std::string& name : listing) expected.insert(u"/" + fromUtf8(name));
     expected.erase(kContentTypes);
     EXPECT_EQ(partNames(*package), Names(expected.begin(), expected.end()));
-}
-
-TEST_F(Parts, GetPartsListsChangedFirstThenByUtf16CodeUnit) {
-    // U+1F600 is the surrogate pair D83D DE00: by code unit it sorts before
-    // U+FF21, by code point or UTF-8 after.
-    write({{"a", ""}, {"Z", ""}, {"a0", ""}, {"\xf0\x9f\x98\x80", ""}, {"\xef\xbc\xa1", ""}, {"c", ""}});
-    open(OpenMode::ReadWrite);
-    EXPECT_EQ(partNames(*package), (Names{u"/Z", u"/a", u"/a0", u"/c", u"/\U0001F600", u"/\uFF21"}));
-    partNamed(*package, u"/c")->getOutputStream();
-    for (const char16_t* name : {u"/b0", u"/b/c", u"/b"}) create(*package, name);
-    EXPECT_EQ(partNames(*package),
-              (Names{u"/b", u"/b/c", u"/b0", u"/c", u"/Z", u"/a", u"/a0", u"/\U0001F600", u"/\uFF21"}));
 }
 
 TEST_F(Parts, DeletePartDropsOnlyUnchangedPartsAndOnlyFromMemory) {

@@ -5,7 +5,7 @@
 #include <opccore/interfaces/IPhysicalPackage.h>
 #include <opccore/interfaces/IPhysicalPart.h>
 
-#include "support/Strings.h"
+#include "support/TempDir.h"
 
 #include <stdexcept>
 #include <string>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "support/Strings.h"
+#include <opccore/NameCodec.h>
 
 #include <gtest/gtest.h>
 
@@ -14,6 +14,10 @@
 #include <string_view>
 
 namespace opc::test {
+
+// Test text is written in UTF-8; the library speaks UTF-16.
+inline std::u16string fromUtf8(std::string_view text) { return opc::NameCodec::decode(text); }
+inline std::string toUtf8(std::u16string_view text) { return opc::NameCodec::encode(text); }
 
 // A fresh folder for one test, removed with everything in it when the test
 // ends. Lives under $TMPDIR (or /tmp) so tests never touch the source tree.

@@ -67,35 +67,6 @@ TEST(CompressEntry, DeflatesWhatShrinksAndStoresTheRest) {
     EXPECT_LT(compressEntry(xmlText(300000, 1), 9).data.size(), compressEntry(xmlText(300000, 1), 1).data.size());
 }
 
-TEST(InflateEntry, GivesTheBytesOnlyWhenTheyAreExactlyWhatTheEntryDeclares) {
-    const std::string text = xmlText(70000, 3);
-    const std::string stream = compressEntry(text, 6).data;
-    const auto crc = static_cast<std::uint32_t>(
-        crc32(0, reinterpret_cast<const Bytef*>(text.data()), static_cast<uInt>(text.size())));
-    const std::vector<std::tuple<std::string, std::string, bool, std::uint64_t, std::uint32_t, bool>> cases = {
-        // What, the data, deflated, declared size and checksum, whether taken.
-        {"deflated", stream, true, text.size(), crc, true},
-        {"stored", text, false, text.size(), crc, true},
-        {"empty", compressEntry(std::string(), 1).data, false, 0, 0, true},
-        {"wrong checksum", stream, true, text.size(), crc ^ 1, false},
-        {"stored, wrong checksum", text, false, text.size(), crc ^ 1, false},
-        {"more than declared", stream, true, text.size() - 1, crc, false},
-        {"fewer than declared", stream, true, text.size() + 1, crc, false},
-        {"stored, fewer than declared", text, false, text.size() + 1, crc, false},
-        {"cut short", stream.substr(0, stream.size() / 2), true, text.size(), crc, false},
-        {"bytes after the stream", stream + "junk", true, text.size(), crc, false},
-        {"not deflate", std::string(40, '\xff'), true, text.size(), crc, false},
-    };
-    for (const auto& [what, data, deflated, size, checksum, taken] : cases) {
-        SCOPED_TRACE(what);
-        std::string out(size + 1, '?');
-        EXPECT_EQ(inflateEntry(data.data(), data.size(), deflated, size, checksum, out.data()), taken);
-        if (taken && deflated) {
-            EXPECT_EQ(out.substr(0, size), text);
-        }
-    }
-}
-
 TEST(OrderedPipeline, SameResultsWhateverTheJobsLoadsInOrderWithinBudgetAndPassesFailuresOn) {
     std::vector<std::string> entries;
     std::vector<std::uint64_t> sizes;

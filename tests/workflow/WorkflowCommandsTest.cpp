@@ -4,7 +4,6 @@
 #include "EntryCompression.h"
 #include "opcdir/OpcdirHarness.h"
 #include "support/RawZip.h"
-#include "support/ZipFixture.h"
 
 #include <sys/stat.h>
 
