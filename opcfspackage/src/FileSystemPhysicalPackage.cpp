@@ -143,20 +143,40 @@ void FileSystemPhysicalPackage::readParts(const OpenMode& mode) {
     }
     std::vector<std::u16string> files;
     fileSystemOps.getFiles(packageRoot, files, true);
-    // Each part goes in at the map's end, which costs one comparison when the
-    // listing comes in name order, as the local service lists, and a search
-    // of the tree otherwise.
-    for (std::u16string& path : files) {
-        const std::size_t position = startsWith(path, packageRoot) ? 0 : path.find(packageRoot);
-        // A path outside the folder is not expected of the service; it is no part.
-        if (position == std::u16string::npos) continue;
-        std::u16string name = std::move(path.erase(0, position + packageRoot.size()));
-        if (name.compare(0, kTrashPrefix.size(), kTrashPrefix) == 0) continue;
-        auto part = std::make_unique<FileSystemPart>(this, name, std::u16string(), mode);
-        FileSystemPart*& slot = parts.emplace_hint(parts.end(), std::move(name), nullptr)->second;
-        // Of two equal names the later one wins, as when each is registered in turn.
-        delete std::exchange(slot, part.release());
+    // Every part is made before any is registered, so that the map's nodes
+    // lie side by side in memory, which the walks of getParts() and close then
+    // read page after page. Each goes in at the map's end, which costs one
+    // comparison when the listing comes in name order, as the local service
+    // lists, and a search of the tree otherwise. A name listed twice is
+    // registered as its later part.
+    std::vector<std::unique_ptr<FileSystemPart>> made;
+    made.reserve(files.size());
+    const auto registerMade = [&] {
+        std::size_t next = 0;
+        for (std::u16string& name : files) {
+            if (next == made.size()) break;
+            if (name.empty()) continue;  // no part: part names are never empty
+            FileSystemPart*& slot = parts.emplace_hint(parts.end(), std::move(name), nullptr)->second;
+            delete std::exchange(slot, made[next++].release());
+        }
+    };
+    try {
+        for (std::u16string& path : files) {
+            const std::size_t position = startsWith(path, packageRoot) ? 0 : path.find(packageRoot);
+            // A path outside the folder is not expected of the service; it is no part.
+            if (position == std::u16string::npos ||
+                path.compare(position + packageRoot.size(), kTrashPrefix.size(), kTrashPrefix) == 0) {
+                path.clear();
+                continue;
+            }
+            path.erase(0, position + packageRoot.size());
+            made.push_back(std::make_unique<FileSystemPart>(this, path, std::u16string(), mode));
+        }
+    } catch (...) {
+        registerMade();  // what was made before the failure stays registered
+        throw;
     }
+    registerMade();
     getContentTypesPart();
 }
 
