@@ -305,6 +305,7 @@ struct Workload {
     std::string size;
     double target = 0;
     bool writes = false;               // sync() before every timed run, so no run pays for another's writeback
+    int repetitions = 0;               // at least this many: a row of milliseconds wants more runs than one of seconds
     std::function<void(int)> library;  // runs in a forked child; the argument is the repetition
     std::function<Sample()> baseline;
     std::function<void(int)> afterLibrary;  // untimed: checks the result and tidies up
@@ -348,6 +349,7 @@ Workload openWorkload(const fs::path& root, std::size_t parts) {
     w.name = "open";
     w.size = std::to_string(parts) + " parts";
     w.target = 1.25;
+    w.repetitions = 21;
     w.data = {package};
     w.library = [package, parts](int) {
         FileSystemPhysicalPackage opened(widen(package.string()));
@@ -717,7 +719,8 @@ Row measure(Workload& w, int repetitions, bool verbose) {
     std::vector<double> baseline;
     // Repetition -1 is a warm-up of each side: the first run after the data
     // is made pays for caches and fresh memory that later runs find ready.
-    for (int repetition = -1; repetition < repetitions; ++repetition) {
+    const int runs = std::max(repetitions, w.repetitions);
+    for (int repetition = -1; repetition < runs; ++repetition) {
         for (int side = 0; side < 2; ++side) {
             if (w.writes) ::sync();
             const bool counted = repetition >= 0;
