@@ -312,21 +312,22 @@ void sortChildren(Frame& frame) {
     const std::vector<Child>& children = frame.children;
     frame.order.resize(children.size());
     std::iota(frame.order.begin(), frame.order.end(), 0);
+    const auto sortBy = [&](const auto& nameOf) {
+        std::sort(frame.order.begin(), frame.order.end(), [&](std::uint32_t x, std::uint32_t y) {
+            return nameBefore(nameOf(x), children[x].kind, nameOf(y), children[y].kind);
+        });
+    };
     const bool ascii = std::all_of(children.begin(), children.end(), [](const Child& child) {
         return std::all_of(child.name.begin(), child.name.end(),
                            [](char c) { return static_cast<unsigned char>(c) < 0x80; });
     });
     if (ascii) {
-        std::sort(frame.order.begin(), frame.order.end(), [&](std::uint32_t x, std::uint32_t y) {
-            return nameBefore(children[x].name, children[x].kind, children[y].name, children[y].kind);
-        });
+        sortBy([&](std::uint32_t i) -> const std::string& { return children[i].name; });
         return;
     }
     std::vector<std::u16string> decoded(children.size());
     for (std::size_t i = 0; i < children.size(); ++i) NameCodec::appendDecoded(decoded[i], children[i].name);
-    std::sort(frame.order.begin(), frame.order.end(), [&](std::uint32_t x, std::uint32_t y) {
-        return nameBefore(decoded[x], children[x].kind, decoded[y], children[y].kind);
-    });
+    sortBy([&](std::uint32_t i) -> const std::u16string& { return decoded[i]; });
 }
 
 // Reads into frame, in the order of their paths, the entries of its folder

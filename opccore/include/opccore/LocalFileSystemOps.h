@@ -72,10 +72,10 @@ class StagingArea;
 //   caller keeping them in a std::map inserts each at its end. No symbolic
 //   link (to a file, to a folder, or dangling), FIFO, socket or device is
 //   listed and no linked folder is entered, so a listing always ends and
-//   never reads outside folder; folder itself may be a link to a folder. Throws "Cannot
-//   list folder <folder>" naming the folder that failed, which may be a
-//   subfolder (also one swapped for a link while the listing ran): missing
-//   (ENOENT), not a folder (ENOTDIR), not readable (EACCES).
+//   never reads outside folder; folder itself may be a link to a folder.
+//   Throws "Cannot list folder <folder>" naming the folder that failed,
+//   which may be a subfolder (also one swapped for a link while the listing
+//   ran): missing (ENOENT), not a folder (ENOTDIR), not readable (EACCES).
 // - getIrregularEntries: walks folder as getFiles does, with the same
 //   failures and message, and reports the symbolic links (never followed),
 //   FIFOs, sockets and devices it meets.
