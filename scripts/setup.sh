@@ -9,7 +9,7 @@ packages=(
   cmake g++ clang make pkg-config
   libboost-dev libboost-system-dev
   googletest libgtest-dev libgmock-dev
-  libzip-dev zlib1g-dev zip unzip
+  libzip-dev zlib1g-dev libdeflate-dev zip unzip
   libpugixml-dev nettle-dev
   libbenchmark-dev
   clang-format clang-tidy

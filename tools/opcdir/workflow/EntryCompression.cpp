@@ -2,6 +2,7 @@
 
 #include "ZipSource.h"
 
+#include <libdeflate.h>
 #include <zip.h>
 #include <zlib.h>
 
@@ -15,14 +16,15 @@ namespace {
 
 constexpr std::size_t kProbe = std::size_t{128} * 1024;
 
-std::uint32_t crcOf(const char* bytes, std::size_t size) {
-    uLong crc = crc32(0L, Z_NULL, 0);
-    for (std::size_t at = 0; at < size;) {
-        const auto piece = static_cast<uInt>(std::min<std::size_t>(size - at, 1u << 30));
-        crc = crc32(crc, reinterpret_cast<const Bytef*>(bytes + at), piece);
-        at += piece;
-    }
-    return static_cast<std::uint32_t>(crc);
+// libdeflate's checksum and inflater are zlib's several times over in speed,
+// with the same results for data that is sound.
+std::uint32_t crcOf(const char* bytes, std::size_t size) { return libdeflate_crc32(0, bytes, size); }
+
+// One inflater a thread, made on its first entry: it is some 10 KiB of tables.
+libdeflate_decompressor* inflater() {
+    thread_local const std::unique_ptr<libdeflate_decompressor, void (*)(libdeflate_decompressor*)> made(
+        libdeflate_alloc_decompressor(), &libdeflate_free_decompressor);
+    return made.get();
 }
 
 // The raw deflate stream (no zlib header, as ZIP wants it) of input, with
@@ -74,16 +76,14 @@ bool inflateEntry(
     // inflate counts in 32 bits; larger entries are the streaming reader's.
     if (size >= (std::uint64_t{1} << 31) || dataSize >= (std::uint64_t{1} << 31)) return false;
     if (!deflated) return dataSize == size && crcOf(data, dataSize) == crc;
-    z_stream stream{};
-    if (inflateInit2(&stream, -15) != Z_OK) return false;
-    const std::unique_ptr<z_stream, int (*)(z_stream*)> end(&stream, &inflateEnd);
-    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data));
-    stream.avail_in = static_cast<uInt>(dataSize);
-    stream.next_out = reinterpret_cast<Bytef*>(out);
+    libdeflate_decompressor* const decompressor = inflater();
+    if (decompressor == nullptr) return false;
+    std::size_t read = 0;
+    std::size_t written = 0;
     // One byte more than declared shows an entry that inflates past it.
-    stream.avail_out = static_cast<uInt>(size + 1);
-    return inflate(&stream, Z_FINISH) == Z_STREAM_END && stream.avail_in == 0 && stream.total_out == size &&
-           crcOf(out, size) == crc;
+    return libdeflate_deflate_decompress_ex(decompressor, data, dataSize, out, size + 1, &read, &written) ==
+               LIBDEFLATE_SUCCESS &&
+           read == dataSize && written == size && crcOf(out, size) == crc;
 }
 
 // ---- The libzip source ---------------------------------------------------------
