@@ -200,6 +200,7 @@ TEST(UnpackWindow, EveryEntryComesOutWhereverItLiesInTheArchiveWhateverTheJobs) 
         add("small/" + std::to_string(i), noise(97 * (i + 1) * (i + 1), i), i % 3 == 0);
     add("text.xml", std::string(300000, 'x') + noise(5000), true);
     add("large.xml", std::string(std::size_t{1} << 20, 'y') + noise(5000, 2), true);
+    add("huge.xml", std::string(std::size_t{9} << 20, 'z') + noise(5000, 4), true);
     add("empty.xml", "", true);
     // libzip takes bytes after the end of a deflate stream, and so does unpack.
     expected["trailing.xml"] = noise(3000, 3);
@@ -211,6 +212,23 @@ TEST(UnpackWindow, EveryEntryComesOutWhereverItLiesInTheArchiveWhateverTheJobs) 
         ASSERT_EQ(runOpcdir(dir.path(), {"unpack", "--jobs", jobs, "a.zip", "pkg" + jobs}), (RunResult{0, "", ""}));
         EXPECT_EQ(snapshotTree(dir.path() / ("pkg" + jobs)), expected);
     }
+}
+
+// A part written on a worker is closed there at once: thousands of entries
+// unpack within a hundred open files.
+TEST(UnpackWindow, ThousandsOfEntriesStayWithinAHundredOpenFiles) {
+    TempDir dir;
+    RawZip zip;
+    zip.stored("[Content_Types].xml", "<Types/>");
+    for (int i = 0; i < 2000; ++i) zip.deflated("e/" + std::to_string(i), "");
+    zip.write(dir.path() / "a.zip");
+    const pid_t child = forkChild([&] {
+        const rlimit limit{100, 100};
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+        return runOpcdir(dir.path(), {"unpack", "--jobs", "4", "a.zip", "pkg"}).status;
+    });
+    EXPECT_EQ(waitChild(child), 0);
+    EXPECT_EQ(snapshotTree(dir.path() / "pkg").size(), 2002u);
 }
 
 // Fails each file-system call of each command in turn: a failed run says so
@@ -352,6 +370,14 @@ TEST(CommandUnderFaults, FailedWritesNameTheirCauseAndTheFileAndLeaveTheOldFiles
     RawZip zip;
     zip.stored("[Content_Types].xml", "<Types/>");
     zip.write(dir.path() / "new.zip");
+    // Parts written on worker threads: the first that fails in archive
+    // order is named, though later ones fail too.
+    RawZip many;
+    many.stored("[Content_Types].xml", "<Types/>");
+    many.deflated("a.xml", std::string(100, 'a'));
+    many.deflated("b.xml", std::string(5000, 'b'));
+    for (int i = 0; i < 30; ++i) many.deflated("c" + std::to_string(i) + ".xml", std::string(6000, 'c'));
+    many.write(dir.path() / "many.zip");
     const TreeSnapshot before = withoutLockFiles(snapshotTree(dir.path()));
     const CurrentFolder in(dir.path());
     const std::string noSpace = ": No space left on device\n";
@@ -361,6 +387,8 @@ TEST(CommandUnderFaults, FailedWritesNameTheirCauseAndTheFileAndLeaveTheOldFiles
              {"put pkg b.xml in.xml", 0, false, ENOSPC, "pkg: cannot write part '/b.xml'" + noSpace},
              {"unpack new.zip new/pkg", 0, false, ENOSPC,
               "new/pkg: cannot write part '/[Content_Types].xml'" + noSpace},
+             {"unpack --jobs 1 many.zip new/pkg", 4000, false, ENOSPC, "new/pkg: cannot write part '/b.xml'" + noSpace},
+             {"unpack --jobs 4 many.zip new/pkg", 4000, false, ENOSPC, "new/pkg: cannot write part '/b.xml'" + noSpace},
              {"pack pkg out.docx", 0, false, 0, "out.docx: cannot write: write failed\n"},
              {"pack pkg out.docx", 100, false, 0, "out.docx: cannot write: write failed\n"},
              {"pack pkg out.docx", all, true, 0, "out.docx: cannot write: write failed\n"},

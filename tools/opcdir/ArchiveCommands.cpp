@@ -137,15 +137,14 @@ constexpr std::uint64_t kWholeEntryLimit = std::uint64_t{64} << 20;
 constexpr std::uint64_t kKeptBytes = std::uint64_t{256} << 20;
 // What the workers may hold ahead of the writer.
 constexpr std::uint64_t kPipelineBytes = std::uint64_t{128} << 20;
-// Unpack's writer takes each entry soon after it is inflated, so workers a
-// few entries ahead keep it busy. Its memory is kept small and reused: on a
-// virtual machine, the first touch of fresh memory (a page fault each 4 KiB)
-// can cost more than inflating into it. So only entries up to
-// kInflatedEntryLimit (the XML parts, which cost most to inflate) go to the
-// workers, at most kUnpackBytes of them (compressed and inflated) ahead of
-// the writer; larger entries are streamed in 64 KiB pieces.
-constexpr std::uint64_t kInflatedEntryLimit = std::uint64_t{1} << 20;
-constexpr std::uint64_t kUnpackBytes = std::uint64_t{1} << 20;
+// Unpack's workers inflate entries up to kInflatedEntryLimit and write each
+// to its part; larger ones are streamed in pieces. Entries in flight, from
+// their loading until the consumer takes them, hold at most kUnpackBytes
+// (compressed and inflated). Buffers are kept for reuse: on a virtual
+// machine, the first touch of fresh memory (a page fault each 4 KiB) can
+// cost more than inflating into it.
+constexpr std::uint64_t kInflatedEntryLimit = std::uint64_t{8} << 20;
+constexpr std::uint64_t kUnpackBytes = std::uint64_t{32} << 20;
 
 std::uint64_t defaultJobs() { return std::max(1u, std::thread::hardware_concurrency()); }
 
@@ -270,11 +269,41 @@ private:
     std::uint64_t kept = 0;
 };
 
-// An entry's compressed data, or its bytes once inflated and checked.
-struct EntryBytes {
-    Buffers::Buffer buffer;
-    bool good = false;  // read, or inflated to exactly what the entry declares
+// An entry on its way from the archive to its part, created already.
+struct Loaded {
+    IPhysicalOutputStream* stream;
+    Buffers::Buffer raw;  // the entry's data as it lies in the archive
+    bool read = false;
 };
+
+// Inflates the entry, checks it and writes it to its part, which it closes.
+// False, with nothing written, when the entry does not inflate to exactly
+// what it declares.
+bool writeInflated(Session& session, Buffers& buffers, const ZipEntry& entry, Loaded& loaded) {
+    const char* bytes = loaded.raw.bytes.get();
+    Buffers::Buffer inflated;
+    bool good = loaded.read;
+    if (good && entry.method == ZIP_CM_DEFLATE) {
+        inflated = buffers.take(entry.size + 1);
+        good = inflateEntry(bytes, entry.compressedSize, true, entry.size, entry.crc32, inflated.bytes.get());
+        bytes = inflated.bytes.get();
+    } else if (good) {
+        good = inflateEntry(bytes, entry.compressedSize, false, entry.size, entry.crc32, nullptr);
+    }
+    if (good) {
+        const std::string partName = "/" + entry.name;
+        // In pieces: one write of a whole large entry cost several times the
+        // system time of the same bytes in 64 KiB writes.
+        for (std::uint64_t at = 0; at < entry.size; at += kPiece) {
+            writeAll(session, partName, loaded.stream, bytes + at,
+                     static_cast<std::size_t>(std::min<std::uint64_t>(kPiece, entry.size - at)));
+        }
+        finishPart(session, partName, loaded.stream);
+    }
+    buffers.give(std::move(loaded.raw));
+    if (inflated.bytes) buffers.give(std::move(inflated));
+    return good;
+}
 
 }  // namespace
 
@@ -302,11 +331,14 @@ void unpackCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem
     for (const ZipEntry* entry : files) declared += entry->size;
     Progress progress(io, "unpack", declared);
 
-    // Small entries are read whole and inflated on worker threads; the
-    // archive's libzip handle admits one thread at a time, and the package
-    // and the file system are used from this thread alone. An entry that does
-    // not inflate to exactly what it declares, and every larger one, is
-    // streamed through libzip here, which says what is wrong as it always did.
+    // Entries go to worker threads, which inflate each and write it to its
+    // part, so that copying bytes into files, much of the work, is spread
+    // over the cores. The package and the archive's libzip handle admit one
+    // thread at a time: the pipeline's loader, which creates each part and
+    // reads its raw data in entry order, or this thread while no entry loads.
+    // An entry that does not inflate to exactly what it declares, and every
+    // larger one, is streamed through libzip here, which says what is wrong
+    // as it always did; failures are reported in entry order.
     std::vector<std::size_t> whole;
     std::vector<std::uint64_t> costs;
     for (std::size_t i = 0; i < files.size(); ++i) {
@@ -315,61 +347,49 @@ void unpackCommand(const Arguments& args, Io& io, opc::FileSystemOps& fileSystem
             !reader.inflatesAlike(entry))
             continue;
         whole.push_back(i);
-        costs.push_back(entry.size + entry.compressedSize);
+        const std::uint64_t inflated = entry.method == ZIP_CM_DEFLATE ? entry.size : 0;
+        costs.push_back(entry.compressedSize + inflated);
     }
     Buffers buffers(kUnpackBytes);
-    OrderedPipeline<EntryBytes, EntryBytes> pipeline(
+    struct Unpacked {
+        IPhysicalOutputStream* stream;
+        bool written;  // false: to be streamed through libzip
+    };
+    OrderedPipeline<Loaded, Unpacked> pipeline(
         costs,
         [&](std::size_t k) {
             const ZipEntry& entry = *files[whole[k]];
-            EntryBytes data{buffers.take(entry.compressedSize)};
-            data.good = reader.readRaw(entry, data.buffer.bytes.get());
-            return data;
+            Loaded loaded{createPartFor(session, entry), buffers.take(entry.compressedSize)};
+            loaded.read = reader.readRaw(entry, loaded.raw.bytes.get());
+            return loaded;
         },
-        [&](EntryBytes data, std::size_t k) {
-            const ZipEntry& entry = *files[whole[k]];
-            const char* raw = data.buffer.bytes.get();
-            if (!data.good || entry.method != ZIP_CM_DEFLATE) {
-                data.good =
-                    data.good && inflateEntry(raw, entry.compressedSize, false, entry.size, entry.crc32, nullptr);
-                return data;
-            }
-            EntryBytes bytes{buffers.take(entry.size + 1)};
-            bytes.good =
-                inflateEntry(raw, entry.compressedSize, true, entry.size, entry.crc32, bytes.buffer.bytes.get());
-            buffers.give(std::move(data.buffer));
-            return bytes;
+        [&](Loaded loaded, std::size_t k) {
+            return Unpacked{loaded.stream, writeInflated(session, buffers, *files[whole[k]], loaded)};
         },
         jobs, kUnpackBytes);
     std::uint64_t total = 0;
     std::size_t next = 0;
     for (std::size_t i = 0; i < files.size(); ++i) {
         const ZipEntry& entry = *files[i];
-        const std::string partName = "/" + entry.name;
-        IPhysicalOutputStream* stream = createPartFor(session, entry);
-        std::optional<EntryBytes> bytes;
-        if (next < whole.size() && whole[next] == i) bytes = pipeline.take(next++);
-        if (bytes && bytes->good) {
-            writeAll(session, partName, stream, bytes->buffer.bytes.get(), entry.size);
-            buffers.give(std::move(bytes->buffer));
-            total += entry.size;
-            progress.update(total);
-        } else {
+        std::optional<Unpacked> unpacked;
+        if (next < whole.size() && whole[next] == i) unpacked = pipeline.take(next++);
+        if (!unpacked || !unpacked->written) {
+            const std::string partName = "/" + entry.name;
             std::uint64_t written = 0;
             pipeline.whileNotLoading([&] {
+                IPhysicalOutputStream* stream = unpacked ? unpacked->stream : createPartFor(session, entry);
                 reader.read(entry, [&](const char* data, std::size_t count) {
                     written += count;
-                    total += count;
                     checkInflated(archiveName, entry, written);
                     writeAll(session, partName, stream, data, count);
-                    progress.update(total);
+                    progress.update(total + written);
                 });
+                checkComplete(archiveName, entry, written);
+                finishPart(session, partName, stream);
             });
-            checkComplete(archiveName, entry, written);
         }
-        // Written data reaches the file before the stream lets go of it, and
-        // a part per entry keeps the count of open files at one.
-        finishPart(session, partName, stream);
+        total += entry.size;
+        progress.update(total);
     }
     session.commit();
     parents.keep();

@@ -64,7 +64,9 @@ struct IrregularEntry {
 //   name plus "Impl", with the same parameters; the reporting forms' hooks are
 //   noexcept too. A test double derives from LocalFileSystemOps and overrides
 //   only the hooks it wants to fail or observe.
-// - One thread at a time uses an object unless its class says otherwise.
+// - One thread at a time uses an object unless its class says otherwise. A
+//   stream made by createInputStream or createOutputStream shares nothing
+//   with the service: one thread may use it while another uses the service.
 //
 // The contracts below are what every implementation keeps and what the
 // package relies on; LocalFileSystemOps.h states the codes the local disk

@@ -25,7 +25,11 @@ namespace opc::fspackage {
 // completed temporary folder renamed into place and the old folder removed,
 // with undo when a step fails.
 //
-// Not thread-safe; one thread at a time uses a package, its parts and streams.
+// Not thread-safe; one thread at a time uses a package, its parts and input
+// streams. An output stream, once returned, touches neither package nor part:
+// one thread may write, flush and close it while another uses the package,
+// until the package is closed or the stream's part deleted or asked for its
+// output stream again.
 class OPCFSPACKAGE_EXPORT FileSystemPhysicalPackage : public opc::interfaces::IPhysicalPackage {
 public:
     // A package at the normalised packagePath, doing all file-system work
