@@ -19,7 +19,9 @@
 #include <opcfspackage/PackageLock.h>
 
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <malloc.h>
+#include <sys/ioctl.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/statfs.h>
@@ -38,6 +40,7 @@
 #include <fstream>
 #include <functional>
 #include <optional>
+#include <random>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -666,13 +669,30 @@ Workload packWorkload(const fs::path& root, std::size_t xmlParts, std::size_t im
     return w;
 }
 
+// Asks ext4 to place each folder made in folder as it places top-level ones,
+// in a block group of its own with free inodes (chattr +T); elsewhere it does
+// nothing. Returns whether it did.
+bool spreadSubfolders(const fs::path& folder) {
+    const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return false;
+    int flags = 0;
+    const bool spread = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0 &&
+                        (flags |= FS_TOPDIR_FL, ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0);
+    ::close(fd);
+    return spread;
+}
+
 // opcdir unpack against unzip -q of the same archive, made by zip. Nothing is
 // removed until the row is done: every run unpacks into a folder of its own,
-// and the source folder stays. On ext4, for about 30 s after inodes are
-// freed, allocating one skips the recently freed ones, scanning them from the
-// start of the group each time: a run that follows the removal of the
-// previous run's 2,051 files pays several times as much for creating its own,
-// as unzip does, which hides what either side does itself.
+// and the source folder stays. On ext4 without a journal, for a minute or
+// more after inodes are freed, allocating one skips the recently freed ones
+// of its group, scanning them from the group's start each time: a run in a
+// group where earlier rows removed thousands of files spends most of its
+// time there, as unzip does, which hides what either side does itself. So
+// every run's folder is placed in a group of its own. ext4 picks that group
+// from a hash of the folder's name: the names are new in every invocation,
+// as opcdir's staging folder's is, so that neither side lands where an
+// earlier invocation removed its files.
 Workload unpackWorkload(const fs::path& root, std::size_t xmlParts, std::size_t images) {
     const fs::path package = root / "unpack-source";
     const fs::path archive = root / "unpack.docx";
@@ -688,9 +708,11 @@ Workload unpackWorkload(const fs::path& root, std::size_t xmlParts, std::size_t 
     // it, as it should; the warm-up is repetition -1.
     const fs::path runs = root / "unpack-runs";
     fs::create_directories(runs);
+    if (!spreadSubfolders(runs)) notes().push_back("unpack: run folders not spread over block groups");
     w.data = {package, archive, runs};
-    const auto output = [runs](const char* side, int repetition) {
-        return runs / (side + std::to_string(repetition + 1));
+    const std::string invocation = std::to_string(std::random_device()());
+    const auto output = [runs, invocation](const char* side, int repetition) {
+        return runs / (side + std::to_string(repetition + 1) + "-" + invocation);
     };
     w.library = [archive, output](int repetition) {
         runCommand({OPCDIR_PATH, "unpack", archive.string(), output("opcdir-", repetition).string()}, false);
