@@ -21,8 +21,8 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <malloc.h>
-#include <sys/ioctl.h>
 #include <sys/file.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/statfs.h>
 #include <sys/utsname.h>
@@ -676,8 +676,11 @@ bool spreadSubfolders(const fs::path& folder) {
     const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) return false;
     int flags = 0;
-    const bool spread = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0 &&
-                        (flags |= FS_TOPDIR_FL, ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0);
+    bool spread = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+    if (spread) {
+        flags |= FS_TOPDIR_FL;
+        spread = ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
+    }
     ::close(fd);
     return spread;
 }
