@@ -15,8 +15,6 @@
 #include <cstring>
 #include <fstream>
 #include <limits>
-#include <random>
-#include <set>
 
 namespace opc::test {
 namespace {
@@ -99,23 +97,6 @@ struct PackageFixture : ::testing::Test {
 using Open = PackageFixture<>;
 using Parts = PackageFixture<>;
 
-TEST_F(Open, SecondOpenKeepsFirstModePartsAndTemporaryFolder) {
-    write({{"a.xml", "A"}, {"b/c.xml", "C"}});
-    open(OpenMode::ReadWrite);
-    const std::vector<IPhysicalPart*> parts = package->getParts();
-    const TreeSnapshot afterFirstOpen = snapshotTree(dir.path());
-    const std::u16string tempRoot = package->getTempPackageRoot();
-    package->open(OpenMode::Create);
-    package->open(OpenMode::Read);
-    EXPECT_EQ(package->getTempPackageRoot(), tempRoot);
-    EXPECT_EQ(package->getParts(), parts);
-    EXPECT_EQ(snapshotTree(dir.path()), afterFirstOpen);
-    // ReadWrite still decides the close: Read commits nothing, Create drops unchanged parts.
-    writeAll(create(*package, u"/new.xml")->getOutputStream(), "N");
-    package->close(false);
-    EXPECT_EQ(tree(dir.path()), "pkg/ pkg/[Content_Types].xml=<Types/> pkg/a.xml=A pkg/b/ pkg/b/c.xml=C pkg/new.xml=N");
-}
-
 TEST_F(Open, WhatIsNoPackageIsRefusedBeforeAnyTemporaryFolder) {
     writeFile(dir.path() / "file", "not a folder");
     // Neither a nested copy nor another spelling is the content-types file.
@@ -168,7 +149,7 @@ TEST_F(Open, CreateOnMissingPathMakesHiddenTemporaryFolderBesideIt) {
     EXPECT_EQ(tree(dir.path()), "x/ x/y/");
 }
 
-TEST_F(Open, ReadWriteRegistersContentTypesAndMakesTemporaryFolderLast) {
+TEST_F(Open, ReadWriteMakesTemporaryFolderLastAndLaterOpensChangeNothing) {
     write({{"a.xml", "A"}, {"b/c.xml", "C"}});
     open(OpenMode::ReadWrite);
     const std::size_t makeTemp = firstCall(ops, Hook::CreateFoldersReporting);
@@ -178,6 +159,14 @@ TEST_F(Open, ReadWriteRegistersContentTypesAndMakesTemporaryFolderLast) {
     EXPECT_LT(firstCall(ops, Hook::GetTempName), makeTemp);
     EXPECT_EQ(partNames(*package), (Names{u"/a.xml", u"/b/c.xml"}));
     EXPECT_EQ(listFolder(dir.path()), (std::vector<std::string>{temp().filename(), "pkg"}));
+    const std::vector<IPhysicalPart*> parts = package->getParts();
+    const TreeSnapshot afterFirstOpen = snapshotTree(dir.path());
+    const std::u16string tempRoot = package->getTempPackageRoot();
+    package->open(OpenMode::Create);
+    package->open(OpenMode::Read);
+    EXPECT_EQ(package->getTempPackageRoot(), tempRoot);
+    EXPECT_EQ(package->getParts(), parts);
+    EXPECT_EQ(snapshotTree(dir.path()), afterFirstOpen);
     // Registered as an unchanged part, the content-types part can be deleted.
     EXPECT_EQ(package->getContentTypesPart()->getName(), kContentTypes);
     ASSERT_NO_THROW(package->deletePart(kContentTypes));
@@ -186,6 +175,10 @@ TEST_F(Open, ReadWriteRegistersContentTypesAndMakesTemporaryFolderLast) {
     EXPECT_OPC_EXCEPTION(package->getContentTypeOutputStream(), kNoContentTypes, emptyCode());
     EXPECT_OPC_EXCEPTION(package->getContentTypesPart(), kNoContentTypes, emptyCode());
     EXPECT_OPC_EXCEPTION(package->deletePart(kContentTypes), kNoPart, emptyCode());
+    // ReadWrite still decides the close: Read commits nothing, Create drops unchanged parts.
+    writeAll(create(*package, u"/new.xml")->getOutputStream(), "N");
+    package->close(false);
+    EXPECT_EQ(tree(dir.path()), "pkg/ pkg/a.xml=A pkg/b/ pkg/b/c.xml=C pkg/new.xml=N");
 }
 
 TEST_F(Open, OtherModeValuesOnlyMarkOpen) {
@@ -234,59 +227,28 @@ struct ScriptedListingOps : FaultyFileSystemOps {
 };
 using ScriptedOpen = PackageFixture<ScriptedListingOps>;
 
-// Parts are made in the listing's order. When one cannot be made, those made
-// before it stay registered, in name order; a name listed twice counts once.
-TEST_F(ScriptedOpen, PartsMadeBeforeAFailureStayRegisteredInNameOrder) {
-    write({{"b.xml", "B"}, {"a.xml", "A"}, {"c.xml", "C"}});
-    ops.listing = {"b.xml", "[Content_Types].xml", "a.xml", "b.xml", "missing.xml", "c.xml"};
+// Parts are made in the listing's order and registered in name order, code
+// unit by code unit; a name listed twice counts once. When one cannot be made,
+// those made before it stay registered until the next open starts afresh.
+TEST_F(ScriptedOpen, PartsRegisteredInCodeUnitOrderAndKeptUntilNextOpen) {
+    // U+1F600 is the surrogate pair D83D DE00, below the one unit U+FF21; "." is below "/".
+    write({{"b", "B"}, {"a/b", ""}, {"a.b", ""}, {"\xf0\x9f\x98\x80", ""}, {"\xef\xbc\xa1", ""}, {"c", ""}});
+    ops.listing = {"b", "[Content_Types].xml", "\xef\xbc\xa1", "a/b", "\xf0\x9f\x98\x80", "b", "a.b", "missing", "c"};
     EXPECT_OPC_EXCEPTION(open(OpenMode::Read), "Cannot read. File does not exist.", emptyCode());
     const std::u16string folder = dir.u16("pkg") + u"/";
-    Names tested;
+    std::vector<std::string> tested;
     for (const Call& call : ops.calls()) {
         if (call.hook == Hook::Exists && call.path.rfind(folder, 0) == 0)
-            tested.push_back(call.path.substr(folder.size()));
+            tested.push_back(toUtf8(call.path.substr(folder.size())));
     }
-    EXPECT_EQ(tested, (Names{u"b.xml", u"[Content_Types].xml", u"a.xml", u"b.xml", u"missing.xml"}));
-    EXPECT_EQ(partNames(*package), (Names{u"/a.xml", u"/b.xml"}));
-    EXPECT_OPC_EXCEPTION(package->deletePart(u"/c.xml"), kNoPart, emptyCode());
+    EXPECT_EQ(tested, std::vector<std::string>(ops.listing.begin(), ops.listing.end() - 1));
+    EXPECT_EQ(partNames(*package), (Names{u"/a.b", u"/a/b", u"/b", u"/\U0001F600", u"/\uFF21"}));
+    EXPECT_OPC_EXCEPTION(package->deletePart(u"/c"), kNoPart, emptyCode());
 
-    ops.listing.erase(ops.listing.begin() + 4);
-    package->open(OpenMode::Read);  // starts afresh over what the failed open left
-    EXPECT_EQ(partNames(*package), (Names{u"/a.xml", u"/b.xml", u"/c.xml"}));
-    EXPECT_EQ(readAll(partNamed(*package, u"/b.xml")->getInputStream()), "B");
-}
-
-// Every listed name has a file, whatever is on disk.
-struct ScriptedAnyNameOps : ScriptedListingOps {
-    bool existsImpl(const std::u16string&) override { return true; }
-};
-using ScriptedNames = PackageFixture<ScriptedAnyNameOps>;
-
-// Thousands of scrambled names sharing long prefixes, prefixes of one another
-// and repeated: each registered once, in the order of std::less.
-TEST_F(ScriptedNames, RegisteredInCodeUnitOrderWhateverTheListingOrder) {
-    write({});
-    // U+FF21 is one unit; U+1F600 the surrogate pair D83D DE00, below it by unit.
-    const std::vector<std::string> symbols = {"a", "b", "\xef\xbc\xa1", "\xf0\x9f\x98\x80", "/"};
-    std::mt19937 random(7);
-    std::vector<std::string> listing = {"[Content_Types].xml"};
-    while (listing.size() < 3000) {
-        std::string name;
-        for (std::size_t length = 1 + random() % 12; name.size() < length * 2;) {
-            const std::string& symbol = symbols[random() % symbols.size()];
-            if (symbol != "/" || (!name.empty() && name.back() != '/')) name += symbol;
-        }
-        if (name.back() == '/') name.pop_back();
-        listing.push_back(name);
-        if (random() % 8 == 0) listing.push_back(listing[random() % listing.size()]);
-    }
-    std::shuffle(listing.begin(), listing.end(), random);
-    ops.listing = listing;
-    open(OpenMode::Read);
-    std::set<std::u16string> expected;
-    for (const std::string& name : listing) expected.insert(u"/" + fromUtf8(name));
-    expected.erase(kContentTypes);
-    EXPECT_EQ(partNames(*package), Names(expected.begin(), expected.end()));
+    ops.listing = {"c", "[Content_Types].xml", "b"};
+    package->open(OpenMode::Read);
+    EXPECT_EQ(partNames(*package), (Names{u"/b", u"/c"}));
+    EXPECT_EQ(readAll(partNamed(*package, u"/b")->getInputStream()), "B");
 }
 
 TEST_F(Parts, DeletePartDropsOnlyUnchangedPartsAndOnlyFromMemory) {
@@ -305,18 +267,6 @@ TEST_F(Parts, DeletePartDropsOnlyUnchangedPartsAndOnlyFromMemory) {
     EXPECT_EQ(snapshotTree(dir.path() / "pkg"), packageFolder);
     package->close(true);
     EXPECT_EQ(snapshotTree(dir.path()), original);
-}
-
-// The mark holds into the next open, whose close commits: the folder is
-// rebuilt from its parts, so the empty folder goes.
-TEST_F(Parts, ContentTypeOutputRequestMarksChangeEvenWhenItFails) {
-    write({{"a.xml", "A"}});
-    std::filesystem::create_directories(dir.path() / "pkg" / "empty");
-    open(-2);
-    EXPECT_OPC_EXCEPTION(package->getContentTypeOutputStream(), kNoContentTypes, emptyCode());
-    package->open(OpenMode::ReadWrite);
-    package->close(false);
-    EXPECT_EQ(tree(dir.path()), "pkg/ pkg/[Content_Types].xml=<Types/> pkg/a.xml=A");
 }
 
 TEST_F(Parts, CreatePartRefusesInvalidNamesAndExistingFiles) {
@@ -358,19 +308,13 @@ TEST_F(Parts, CreateTakesOverPartOfSameName) {
     }
 }
 
-TEST_F(Parts, FailedOpenDropsCodeAndKeepsNoStream) {
-    IPhysicalPart* part = create(open(OpenMode::Create), u"/x.bin");
-    EXPECT_OPC_EXCEPTION(part->getInputStream(), kInputFailed, emptyCode());
-    writeFile(dir.path() / "pkg" / "x.bin", "disk");  // reading goes to the package folder
-    ops.failCall(Hook::CreateInputStream, 2, EACCES);
-    EXPECT_OPC_EXCEPTION(part->getInputStream(), kInputFailed, emptyCode());
-    EXPECT_EQ(readAll(part->getInputStream()), "disk");
-    EXPECT_EQ(ops.count(Hook::CreateInputStream), 3u);  // each request tried afresh
-}
-
-TEST_F(Parts, KeepsItsPlaceUntilClosedThenRestartsAtFirstByte) {
+// A failed request drops the service's code and keeps no stream, so the
+// next one tries afresh.
+TEST_F(Parts, InputKeepsItsPlaceUntilClosedThenRestartsAtFirstByte) {
     write({{"a.bin", "0123456789"}});
     IPhysicalPart* part = partNamed(open(OpenMode::Read), u"/a.bin");
+    ops.failCall(Hook::CreateInputStream, 1, EACCES);
+    EXPECT_OPC_EXCEPTION(part->getInputStream(), kInputFailed, emptyCode());
     IPhysicalInputStream* stream = part->getInputStream();
     EXPECT_EQ(readSome(stream, 3), "012");
     EXPECT_EQ(part->getInputStream(), stream);
@@ -380,7 +324,7 @@ TEST_F(Parts, KeepsItsPlaceUntilClosedThenRestartsAtFirstByte) {
     EXPECT_TRUE(stream->isAtEnd());
     EXPECT_EQ(readSome(stream, 100), "");
     EXPECT_EQ(part->getInputStream(), stream);  // the end is no invalid state
-    EXPECT_EQ(ops.count(Hook::CreateInputStream), 1u);
+    EXPECT_EQ(ops.count(Hook::CreateInputStream), 2u);
     stream->close();
     EXPECT_TRUE(stream->isAtEnd());
     stream->open();
@@ -444,8 +388,9 @@ TEST_F(Parts, FailedFirstRequestMovesPartToChangedAndLeavesItUnwritten) {
 }
 
 // Refused before any call, folder, flag or map change: a modified flag would
-// show as a commit of the next open, which drops the empty folder.
-TEST_F(Parts, RefusedWithoutTemporaryFolderBeforeAnythingChanges) {
+// show as a commit of the next open, which drops the empty folder. A request
+// for the content-types output marks the package even when it fails.
+TEST_F(Parts, OutputRefusedWithoutTemporaryFolderChangesNothing) {
     write({{"a.xml", "A"}, {"b.xml", "B"}});
     std::filesystem::create_directories(dir.path() / "pkg" / "empty");
     original = snapshotTree(dir.path());
@@ -479,6 +424,11 @@ TEST_F(Parts, RefusedWithoutTemporaryFolderBeforeAnythingChanges) {
     package->close(false);
     EXPECT_EQ(ops.count(Hook::Rename), 0u);
     EXPECT_EQ(snapshotTree(dir.path()), original);
+
+    EXPECT_OPC_EXCEPTION(package->getContentTypeOutputStream(), kNoContentTypes, emptyCode());
+    package->open(OpenMode::ReadWrite);
+    package->close(false);
+    EXPECT_EQ(tree(dir.path()), "pkg/ pkg/[Content_Types].xml=<Types/> pkg/a.xml=A pkg/b.xml=B");
 }
 
 TEST_F(Parts, APartSwappedForALinkIsNeitherReadNorCopied) {
