@@ -16,8 +16,8 @@ namespace {
 
 constexpr std::size_t kProbe = std::size_t{128} * 1024;
 
-// libdeflate's checksum and inflater are zlib's several times over in speed,
-// with the same results for data that is sound.
+// libdeflate checksums in a third of zlib's time and inflates in half, with
+// the same results for data that is sound.
 std::uint32_t crcOf(const char* bytes, std::size_t size) { return libdeflate_crc32(0, bytes, size); }
 
 // One inflater a thread, made on its first entry: it is some 10 KiB of tables.
@@ -73,8 +73,6 @@ CompressedEntry compressEntry(std::string bytes, int level) {
 
 bool inflateEntry(
     const char* data, std::size_t dataSize, bool deflated, std::uint64_t size, std::uint32_t crc, char* out) {
-    // inflate counts in 32 bits; larger entries are the streaming reader's.
-    if (size >= (std::uint64_t{1} << 31) || dataSize >= (std::uint64_t{1} << 31)) return false;
     if (!deflated) return dataSize == size && crcOf(data, dataSize) == crc;
     libdeflate_decompressor* const decompressor = inflater();
     if (decompressor == nullptr) return false;
