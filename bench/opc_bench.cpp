@@ -773,8 +773,8 @@ Workload unpackWorkload(const fs::path& root, std::size_t xmlParts, std::size_t 
 // rows about a third of the runs took 1.2 to 3 s, the others 0.75 to 1.1 s,
 // with two to four times the system time and the same guest-side counts
 // (pages allocated, faults, no reclaim or compaction), whichever side ran
-// them. Over five runs of one build, the ratio of medians of six went from
-// 0.71 to 1.22, that of least times from 0.97 to 1.03.
+// them. Over five runs with one library build, the ratio of medians of six
+// went from 0.71 to 1.22, that of least times from 0.97 to 1.03.
 Row measure(Workload& w, int repetitions, bool verbose) {
     Row row{w.name, w.size, w.target};
     if (!w.afterLibrary) w.afterLibrary = [](int) {};
