@@ -471,6 +471,20 @@ bool spreadSubfolders(const fs::path& folder) {
     return spread;
 }
 
+// The folder of a row's runs, each run's folder made in it with a name new to
+// this invocation (see unpackWorkload), spread over block groups where the
+// file system can.
+struct RunFolders {
+    RunFolders(const fs::path& folder, const std::string& row) : root(folder) {
+        fs::create_directories(root);
+        if (!spreadSubfolders(root)) notes().push_back(row + ": run folders not spread over block groups");
+    }
+    fs::path operator()(const std::string& name) const { return root / (name + "-" + invocation); }
+
+    fs::path root;
+    std::string invocation = std::to_string(std::random_device()());
+};
+
 void makeCommitPackage(const fs::path& package, std::size_t parts, std::size_t bytes) {
     constexpr std::size_t kDocument = 4 * kKiB;
     writeContentTypes(package);
@@ -508,21 +522,18 @@ Workload commitWorkload(const fs::path& root, std::size_t parts, std::size_t byt
     constexpr std::size_t kDocument = 4 * kKiB;
     const fs::path home = root / "commit";  // where the package waits between runs
     if (!fs::exists(home)) makeCommitPackage(home, parts, bytes);
-    const fs::path runs = root / "commit-runs";
-    fs::create_directories(runs);
-    if (!spreadSubfolders(runs)) notes().push_back("commit: run folders not spread over block groups");
     Workload w;
     const bool durable = kind == CommitKind::Durable;
     w.name = durable ? "commit-durable" : "commit";
     w.size = std::to_string(parts) + " parts, " + std::to_string(bytes / kMiB) + " MiB";
     w.target = durable ? 1.10 : 1.05;
     w.writes = true;
-    w.data = durable ? std::vector<fs::path>{home, runs} : std::vector<fs::path>{runs};
+    const RunFolders runs(root / "commit-runs", w.name);
+    w.data = durable ? std::vector<fs::path>{home, runs.root} : std::vector<fs::path>{runs.root};
     const auto run = std::make_shared<fs::path>();
     const auto runCount = std::make_shared<int>(0);
-    const std::string prefix = w.name + "-" + std::to_string(std::random_device()()) + "-";
-    w.beforeRun = [home, runs, run, runCount, prefix] {
-        *run = runs / (prefix + std::to_string((*runCount)++));
+    w.beforeRun = [home, runs, run, runCount, name = w.name] {
+        *run = runs(name + "-" + std::to_string((*runCount)++));
         fs::create_directory(*run);
         fs::rename(home, *run / "commit");
     };
@@ -741,13 +752,10 @@ Workload unpackWorkload(const fs::path& root, std::size_t xmlParts, std::size_t 
     w.writes = true;
     // Each run's output, and the package lock file the tool leaves beside
     // it, as it should; the warm-up is repetition -1.
-    const fs::path runs = root / "unpack-runs";
-    fs::create_directories(runs);
-    if (!spreadSubfolders(runs)) notes().push_back("unpack: run folders not spread over block groups");
-    w.data = {package, archive, runs};
-    const std::string invocation = std::to_string(std::random_device()());
-    const auto output = [runs, invocation](const char* side, int repetition) {
-        return runs / (side + std::to_string(repetition + 1) + "-" + invocation);
+    const RunFolders runs(root / "unpack-runs", w.name);
+    w.data = {package, archive, runs.root};
+    const auto output = [runs](const char* side, int repetition) {
+        return runs(side + std::to_string(repetition + 1));
     };
     w.library = [archive, output](int repetition) {
         runCommand({OPCDIR_PATH, "unpack", archive.string(), output("opcdir-", repetition).string()}, false);
